@@ -1,0 +1,34 @@
+# Installation: the library, its headers by subsystem beside <qor/qor.h>, a CMake package
+# and a pkg-config file, both found wherever the prefix is moved.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS qor EXPORT qorTargets
+	RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+	LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+	ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES qor/qor.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qor)
+foreach(header IN LISTS QOR_PUBLIC_HEADERS)
+	get_filename_component(folder ${header} DIRECTORY)
+	install(FILES qor/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qor/${folder})
+endforeach()
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/qor)
+install(EXPORT qorTargets NAMESPACE qor:: DESTINATION ${package_folder})
+configure_package_config_file(cmake/qorConfig.cmake.in ${PROJECT_BINARY_DIR}/qorConfig.cmake
+	INSTALL_DESTINATION ${package_folder} PATH_VARS CMAKE_INSTALL_LIBDIR)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/qorConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/qorConfig.cmake ${PROJECT_BINARY_DIR}/qorConfigVersion.cmake
+	DESTINATION ${package_folder})
+
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/qor.pc.in ${PROJECT_BINARY_DIR}/qor.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+set(CPACK_PACKAGE_VENDOR "qor")
+if(WIN32)
+	set(CPACK_GENERATOR ZIP)
+else()
+	set(CPACK_GENERATOR TGZ)
+endif()
+set(CPACK_VERBATIM_VARIABLES ON)
+include(CPack)

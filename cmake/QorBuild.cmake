@@ -23,7 +23,7 @@ function(qor_target_settings target)
 		target_compile_options(${target} PRIVATE /W4 /utf-8 /permissive- $<$<BOOL:${QOR_WARNINGS_AS_ERRORS}>:/WX>)
 		target_compile_definitions(${target} PRIVATE _CRT_SECURE_NO_WARNINGS NOMINMAX WIN32_LEAN_AND_MEAN)
 	else()
-		target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow=local
+		target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
 			$<$<BOOL:${QOR_WARNINGS_AS_ERRORS}>:-Werror>)
 	endif()
 	if(WIN32)

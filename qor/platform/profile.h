@@ -8,7 +8,8 @@
 /// the current directory.
 namespace platform {
 
-/// @return the integer at the start of the value (0 when it has none), `fallback` without file, section or key.
+/// @return the integer at the start of the value (0 when it starts with none); `fallback` for an empty value and
+/// without file, section or key.
 int profileGetInt(const char* section, const char* key, int fallback, const char* path);
 
 /// Copies the value, or `fallback` (null: the empty text), cut to `size` - 1 characters.

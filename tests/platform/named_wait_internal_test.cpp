@@ -1,0 +1,141 @@
+#include "qor/platform/clock.h"
+#include "qor/platform/machine.h"
+#include "qor/platform/wait.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <thread>
+
+/// Named objects, within one process and between two: a test runs its own program again
+/// with a role, which another process then plays instead of the tests.
+namespace platform {
+namespace {
+
+constexpr uint32_t kLong = 20000;
+constexpr uint32_t kAlreadyExists = 183;
+
+struct Closer {
+	void operator()(WaitObject* handle) const { closeHandle(handle); }
+};
+using Owned = std::unique_ptr<WaitObject, Closer>;
+
+std::string uniqueName(const char* what) { return "qor-test-" + std::to_string(processId()) + "-" + what; }
+
+/// The role's result is the number of the first step that went wrong, or 0.
+int playVisitor(const std::string& name) {
+	const Owned mutex(openMutex((name + "m").c_str())), semaphore(openSemaphore((name + "s").c_str())),
+	    event(createEvent(true, false, (name + "e").c_str()));
+	if (!mutex || !semaphore || !event) return 1;
+	if (lastError() != kAlreadyExists) return 2;
+	if (wait(event.get(), 0) != kWaitAcquired) return 3;
+	if (wait(mutex.get(), 30) != kWaitTimeout || releaseMutex(mutex.get())) return 4;
+	int32_t previous = 0;
+	if (!releaseSemaphore(semaphore.get(), 2, &previous) || previous != 1) return 5;
+	if (releaseSemaphore(semaphore.get(), 1, nullptr)) return 6;
+	if (openEvent((name + "s").c_str())) return 7;
+	return resetEvent(event.get()) ? 0 : 8;
+}
+
+/// Ends with a mutex owned and everything open, as a killed process does.
+int playVictim(const std::string& name) {
+	const WaitHandle mutex = openMutex((name + "m").c_str());
+	const WaitHandle own = createSemaphore(1, 1, (name + "own").c_str());
+	const WaitHandle ready = openEvent((name + "e").c_str());
+	if (wait(mutex, kLong) != kWaitAcquired || wait(own, 0) != kWaitAcquired || !setEvent(ready)) return 1;
+	sleepMs(100); // the other process waits for the mutex by now
+	return 0;
+}
+
+class Roles : public testing::Environment {
+	void SetUp() override {
+		const auto arguments = testing::internal::GetArgvs();
+		if (arguments.size() != 3) return;
+		std::_Exit(arguments[1] == "visitor" ? playVisitor(arguments[2]) : playVictim(arguments[2]));
+	}
+};
+const testing::Environment* const gRoles = testing::AddGlobalTestEnvironment(new Roles);
+
+int runRole(const char* role, const std::string& name) {
+	const std::string program = testing::internal::GetArgvs()[0];
+	const int result = std::system(("\"" + program + "\" " + role + " " + name).c_str());
+	return result;
+}
+
+TEST(NamedObjects, AreOpenedAgainWithTheirOwnValues) {
+	const std::string name = uniqueName("again");
+	EXPECT_EQ(openSemaphore(name.c_str()), nullptr);
+	EXPECT_EQ(lastError(), 2u);
+	Owned first(createSemaphore(1, 2, name.c_str()));
+	EXPECT_EQ(lastError(), 0u);
+	Owned second(createSemaphore(5, 9, name.c_str()));
+	ASSERT_TRUE(first && second);
+	EXPECT_EQ(lastError(), kAlreadyExists);
+	EXPECT_EQ(wait(second.get(), 0), kWaitAcquired);
+	EXPECT_EQ(wait(first.get(), 0), kWaitTimeout);
+	EXPECT_FALSE(releaseSemaphore(second.get(), 3, nullptr));
+	EXPECT_EQ(createMutex(false, name.c_str()), nullptr);
+	EXPECT_EQ(lastError(), 6u);
+	EXPECT_EQ(openEvent(name.c_str()), nullptr);
+	first.reset();
+	EXPECT_EQ(Owned(openSemaphore(name.c_str())) != nullptr, true);
+	second.reset();
+	EXPECT_EQ(openSemaphore(name.c_str()), nullptr); // went with its last handle
+}
+
+TEST(NamedObjects, HaveAnyNameAndNoneIsPrivate) {
+	const std::string names[] = {
+	    uniqueName("a"), uniqueName("A"), uniqueName("a b\xE4%s/..:*"), uniqueName("") + std::string(150, 'x')};
+	std::unique_ptr<WaitObject, Closer> made[4];
+	for (int i = 0; i < 4; ++i) {
+		made[i].reset(createEvent(true, i % 2, names[i].c_str()));
+		EXPECT_TRUE(made[i] && lastError() != kAlreadyExists) << names[i];
+	}
+	for (int i = 0; i < 4; ++i) {
+		EXPECT_EQ(wait(Owned(openEvent(names[i].c_str())).get(), 0), i % 2 ? kWaitAcquired : kWaitTimeout) << names[i];
+	}
+	const Owned empty(createEvent(true, true, "")), other(createEvent(true, false, ""));
+	EXPECT_EQ(wait(other.get(), 0), kWaitTimeout);
+	EXPECT_EQ(openMutex(nullptr), nullptr);
+	EXPECT_EQ(openEvent(""), nullptr);
+}
+
+TEST(NamedObjects, AMutexClosedWhileOwnedIsAbandonedWithItsThread) {
+	const std::string name = uniqueName("closed");
+	const Owned kept(createMutex(false, name.c_str()));
+	std::thread([&] {
+		const WaitHandle mutex = openMutex(name.c_str());
+		EXPECT_EQ(wait(mutex, 0), kWaitAcquired);
+		EXPECT_TRUE(closeHandle(mutex));
+	}).join();
+	EXPECT_EQ(wait(kept.get(), kLong), kWaitAbandoned);
+}
+
+TEST(NamedObjects, AreSharedBetweenProcesses) {
+	const std::string name = uniqueName("shared");
+	const Owned mutex(createMutex(true, (name + "m").c_str())), semaphore(createSemaphore(1, 3, (name + "s").c_str())),
+	    event(createEvent(true, true, (name + "e").c_str()));
+	ASSERT_EQ(runRole("visitor", name), 0);
+	for (int i = 0; i < 3; ++i) EXPECT_EQ(wait(semaphore.get(), 0), kWaitAcquired);
+	EXPECT_EQ(wait(semaphore.get(), 0), kWaitTimeout);
+	EXPECT_EQ(wait(event.get(), 0), kWaitTimeout);
+	EXPECT_TRUE(releaseMutex(mutex.get()));
+}
+
+TEST(NamedObjects, SurviveAProcessThatEndsWithThem) {
+	const std::string name = uniqueName("victim");
+	const Owned mutex(createMutex(false, (name + "m").c_str())), ready(createEvent(true, false, (name + "e").c_str()));
+	std::thread victim([&] { EXPECT_EQ(runRole("victim", name), 0); });
+	EXPECT_EQ(wait(ready.get(), kLong), kWaitAcquired);
+	EXPECT_EQ(wait(mutex.get(), kLong), kWaitAbandoned);
+	EXPECT_TRUE(releaseMutex(mutex.get()));
+	EXPECT_EQ(wait(mutex.get(), 0), kWaitAcquired);
+	victim.join();
+	// What only that process had is gone, and made anew with its initial values.
+	EXPECT_EQ(openSemaphore((name + "own").c_str()), nullptr);
+	EXPECT_EQ(wait(Owned(createSemaphore(1, 1, (name + "own").c_str())).get(), 0), kWaitAcquired);
+}
+
+} // namespace
+} // namespace platform

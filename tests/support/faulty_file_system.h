@@ -1,0 +1,163 @@
+#pragma once
+
+#include "qor/platform/file.h"
+#include "qor/platform/machine.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace test_support {
+
+/// A file system that goes wrong on demand, in front of the operating system's (or another).
+/// While it lives it is the one in force; files opened through it keep obeying it. Any thread
+/// may use it.
+///
+///     test_support::FaultyFileSystem faulty;
+///     faulty.fail(Call::write, 3);            // the third write from now fails with error 5
+///     faulty.tearWrite(2, 100);               // the second write from now moves only 100 bytes
+///     faulty.setSpace(1 << 20);               // error 112 behind the next MiB written
+///     faulty.makeReadOnly("/tmp/x/list.dat"); // opens for writing, replaces and removals of it fail
+class FaultyFileSystem final : public platform::FileSystem {
+public:
+	enum class Call { open, write, read, seek, size, flush, remove, replace };
+
+	explicit FaultyFileSystem(platform::FileSystem& below = platform::systemFileSystem())
+	    : mBelow(below), mFormer(platform::replaceFileSystem(this)) {}
+	~FaultyFileSystem() override { platform::replaceFileSystem(mFormer); }
+
+	/// The `nth` call of that kind from now (1: the next) fails with `error`; with `onwards` all later ones too.
+	void fail(Call call, int nth, uint32_t error = 5, bool onwards = false) {
+		change([&](State& s) { s.faults[call] = {s.calls[call] + nth, error, onwards, 0}; });
+	}
+	/// The `nth` write from now moves at most `bytes` and leaves `error`.
+	void tearWrite(int nth, uint32_t bytes, uint32_t error = 112) {
+		change([&](State& s) { s.faults[Call::write] = {s.calls[Call::write] + nth, error, false, bytes}; });
+	}
+	/// Bytes that may still be written, over all files; -1 is no limit. Writing over old contents counts too.
+	void setSpace(int64_t bytes) {
+		change([&](State& s) { s.space = bytes; });
+	}
+	/// Takes the path as callers will give it.
+	void makeReadOnly(const std::string& path) {
+		change([&](State& s) { s.readOnly.insert(path); });
+	}
+	/// Forgets faults, limits and counts.
+	void reset() {
+		change([](State& s) { s = State(); });
+	}
+	/// Calls of that kind since the start or `reset`, failed ones included.
+	int calls(Call call) {
+		int count = 0;
+		change([&](State& s) { count = s.calls[call]; });
+		return count;
+	}
+
+	std::unique_ptr<platform::File> open(const char* path, const platform::FileOpen& how) override {
+		if (!passes(Call::open)) return nullptr;
+		const bool changes =
+		    (how.access & platform::kAccessWrite) || how.disposition == platform::Disposition::createAlways;
+		if (changes && !mayChange(path)) return nullptr;
+		auto file = mBelow.open(path, how);
+		return file ? std::make_unique<FaultyFile>(std::move(file), mShared) : nullptr;
+	}
+	bool exists(const char* path) override { return mBelow.exists(path); }
+	bool remove(const char* path) override { return passes(Call::remove) && mayChange(path) && mBelow.remove(path); }
+	bool replace(const char* from, const char* to) override {
+		return passes(Call::replace) && mayChange(from) && mayChange(to) && mBelow.replace(from, to);
+	}
+
+private:
+	struct Fault {
+		int at = 0; // number of the call; 0: none
+		uint32_t error = 0;
+		bool onwards = false;
+		uint32_t passing = 0; // bytes of a torn write
+	};
+	struct State {
+		std::map<Call, int> calls;
+		std::map<Call, Fault> faults;
+		std::set<std::string> readOnly;
+		int64_t space = -1;
+	};
+	/// Outlives the file system as long as a file needs it.
+	struct Shared {
+		std::mutex mutex;
+		State state;
+
+		/// Counts a call. @return how many of `count` units it may do; fewer sets the error.
+		uint32_t admit(Call call, uint32_t count) {
+			const std::lock_guard<std::mutex> lock(mutex);
+			const int number = ++state.calls[call];
+			const Fault& fault = state.faults[call];
+			const bool hit = fault.at && (number == fault.at || (fault.onwards && number > fault.at));
+			uint32_t allowed = hit ? std::min(count, fault.passing) : count;
+			uint32_t error = hit ? fault.error : 0;
+			if (call == Call::write && state.space >= 0) {
+				if (allowed > state.space) {
+					allowed = static_cast<uint32_t>(state.space);
+					error = 112;
+				}
+				state.space -= allowed;
+			}
+			if (error) platform::setLastError(error);
+			return allowed;
+		}
+	};
+
+	class FaultyFile final : public platform::File {
+	public:
+		FaultyFile(std::unique_ptr<platform::File> below, std::shared_ptr<Shared> shared)
+		    : mFile(std::move(below)), mState(std::move(shared)) {}
+		uint32_t write(const void* data, uint32_t count) override {
+			return limited(mState->admit(Call::write, count), count, [&](uint32_t n) { return mFile->write(data, n); });
+		}
+		uint32_t read(void* buffer, uint32_t count) override {
+			return limited(mState->admit(Call::read, count), count, [&](uint32_t n) { return mFile->read(buffer, n); });
+		}
+		bool seek(int64_t offset, platform::SeekOrigin origin, int64_t* position) override {
+			return mState->admit(Call::seek, 1) && mFile->seek(offset, origin, position);
+		}
+		bool size(int64_t* bytes) override { return mState->admit(Call::size, 1) && mFile->size(bytes); }
+		bool flush() override { return mState->admit(Call::flush, 1) && mFile->flush(); }
+		bool geometry(platform::DiskGeometry* out) override { return mFile->geometry(out); }
+		bool layout(platform::DiskLayout* out) override { return mFile->layout(out); }
+		bool deviceNumber(platform::DeviceNumber* out) override { return mFile->deviceNumber(out); }
+
+	private:
+		/// Does the allowed part and leaves the injected error standing when it is not all.
+		template <class Move>
+		static uint32_t limited(uint32_t allowed, uint32_t count, Move move) {
+			const uint32_t error = platform::lastError();
+			const uint32_t done = allowed || count == 0 ? move(allowed) : 0;
+			if (allowed < count && done == allowed) platform::setLastError(error);
+			return done;
+		}
+		std::unique_ptr<platform::File> mFile;
+		std::shared_ptr<Shared> mState;
+	};
+
+	template <class Change>
+	void change(Change what) {
+		const std::lock_guard<std::mutex> lock(mShared->mutex);
+		what(mShared->state);
+	}
+	bool passes(Call call) { return mShared->admit(call, 1) != 0; }
+	bool mayChange(const char* path) {
+		const std::lock_guard<std::mutex> lock(mShared->mutex);
+		if (!path || !mShared->state.readOnly.count(path)) return true;
+		platform::setLastError(5);
+		return false;
+	}
+
+	platform::FileSystem& mBelow;
+	platform::FileSystem* mFormer;
+	std::shared_ptr<Shared> mShared = std::make_shared<Shared>();
+};
+
+} // namespace test_support

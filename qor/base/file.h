@@ -1,0 +1,198 @@
+#pragma once
+
+#include "../platform/types.h"
+#include "linear_array.h"
+
+#include <atomic>
+#include <cstdarg>
+
+class CstFile;
+
+namespace base {
+class FileStream;
+struct FileOpenRecord;
+} // namespace base
+
+/// What a host learns of a file's operations. Codes: 1 opened, 2 closed, 3 write (a = bytes,
+/// p = data), 4 read (a = bytes, p = buffer), 5 seek (a = origin, p = the offset as a
+/// pointer-sized number), 6 and 7 begin and end of `PrepareForStreaming`, 8 and 9 of
+/// `FinishStreaming`, 10 and 11 of a buffer flush (a = bytes to write, then bytes written;
+/// p = buffer), 4096 open failed (a = 1, p = the error). With write streaming 10 and 11 come
+/// from the writer thread, which must not open, close or write there. The result is ignored.
+using CstFileCallBack = unsigned long (*)(
+    CstFile* file, unsigned long code, unsigned long reserved, unsigned long a, void* p);
+
+/// What serves the calls of a file: operation codes 1 open, 2 close, 3 write, 4 read, 5 size,
+/// 6 current position, 7 seek.
+using CstFileBackEnd = unsigned long (*)(
+    void* handle, unsigned long code, unsigned long a, unsigned long b, unsigned long c, void* p);
+
+/// One buffer of a stream.
+struct estFILE_STREAM_BUFFER {
+	uint32_t mCapacity = 0; // bytes, a multiple of 4096
+	unsigned char* mData = nullptr;
+	std::atomic<uint32_t> mBusy = 0; // 1 while the writer owns it
+	std::atomic<uint32_t> mFree = 0; // bytes
+	uint32_t mIndex = 0;
+	std::atomic<uint32_t> mQueued = 0; // times in the pending list
+};
+
+/// The streaming record of a file. Hosts read it and use the buffers of read streaming; with
+/// write streaming everything but `mBuffers`, `mBufferCount` and the block belongs to the file.
+struct estFILE_STREAM {
+	enum : uint32_t { kNone = 0, kRunning = 1, kStopRequested = 2, kEnded = 3, kAbandoned = 4 };
+
+	estFILE_STREAM_BUFFER* mBuffers = nullptr;
+	uint32_t mBufferCount = 0;
+	unsigned char* mBlock = nullptr; // holds all buffers, in order
+	size_t mBlockSize = 0;           // bytes
+	estFILE_STREAM_BUFFER* mCurrent = nullptr;
+	uint32_t mCurrentIndex = 0;
+	std::atomic<uint32_t> mWriterState = kNone;
+	platform::WaitHandle mMutex = nullptr;
+	platform::WaitHandle mSemaphore = nullptr; // counts queued buffers
+	CstmLinearArray mPending{sizeof(estFILE_STREAM_BUFFER*)};
+	std::atomic<uint64_t> mLostBytes = 0; // bytes of flushes that the file did not take
+};
+
+/// A file of the operating system (or a raw volume), or a block of memory, behind one set of
+/// calls, with optional write streaming.
+///
+/// Nothing throws or logs: transfers and positions answer 0 on failure, opens and streaming
+/// set-up answer 0 or one of the `kFile...` codes. One thread at a time uses a file; write
+/// streaming adds a writer thread of its own.
+///
+/// **Write streaming.** `PrepareForStreaming` makes a ring of page-aligned buffers. `Write`
+/// copies into the current one and never waits for the disk; a full buffer is queued, and
+/// the writer thread writes queued buffers in order, each rounded up to a multiple of 4096
+/// bytes. `FinishStreaming` queues the last buffer, stops the writer and then writes what is
+/// still queued, so that everything accepted reaches the file.
+class QOR_API CstFile {
+public:
+	static constexpr unsigned long kFileUnknownCode = 0x100003E8;
+	static constexpr unsigned long kFileNoHandle = 0x100003E9; ///< opening memory: no block
+	static constexpr unsigned long kFileNotOpen = 0x10000000;  ///< also every refusal of the system to open
+	static constexpr unsigned long kFileNoMemory = 0x100003EA; ///< also: the writer cannot be started
+
+	static constexpr unsigned long kReadStreaming = 1;
+	static constexpr unsigned long kWriteStreaming = 2;
+
+	CstFile() = default;
+	~CstFile();
+	CstFile(const CstFile&) = delete;
+	CstFile& operator=(const CstFile&) = delete;
+
+	/// Closes what is open and opens a file of the system.
+	/// @param disposition 1 new only, 2 create always, 3 open existing, 4 open always, 5 truncate existing
+	/// @param access      0x80000000 read, 0x40000000 write, or both
+	/// @param share       what others may open it for meanwhile: 1 read, 2 write, or both
+	/// @return 0; an error code, with nothing open.
+	unsigned long Open(const char* path, unsigned long disposition, unsigned long access, unsigned long share);
+	unsigned long OpenReadOnly(const char* path);
+	/// Opens an existing file, volume or disk for reading and writing and marks it as a disk.
+	unsigned long OpenDisk(const char* path);
+	/// Makes a new file, replacing an old one.
+	unsigned long Create(const char* path, unsigned long access, unsigned long share);
+
+	/// Opens the caller's block, of at most 2147483647 bytes, at position 0. The block is never
+	/// freed here, but a write past its size reallocates it: a caller who lets the file grow
+	/// passes a heap block. A seek from the start is limited by the size only; at the
+	/// position below 0 that a negative offset gives, nothing is read or written.
+	unsigned long OpenFromMemory(void* block, unsigned long size);
+
+	/// Ends streaming and closes. @return 0.
+	unsigned long Close();
+
+	/// Writes at the current position. A null `data` writes zeros into memory and into streams.
+	///
+	/// With write streaming a result below n does not say what was lost: a write that reaches
+	/// the end of its buffer answers with the bytes that went to the next buffer (so 0 when it
+	/// fits exactly), and 0 with the rest lost when the next buffer has no room for it. A
+	/// write always fits when it is not longer than the free bytes plus one free buffer.
+	/// @return bytes accepted; 0 when nothing is open or read streaming is prepared.
+	unsigned long Write(const void* data, unsigned long n);
+	/// Reads at the current position. In memory a null buffer skips.
+	/// @return bytes read; 0 when nothing is open or write streaming is active.
+	unsigned long Read(void* buffer, unsigned long n);
+
+	/// @param origin 0 begin, 1 current position, 2 end
+	/// @return the new position (of `Seek` its low 32 bits); 0 on failure.
+	unsigned long Seek(long offset, unsigned long origin);
+	long long Seek64(long long offset, unsigned long origin);
+	/// The short forms give the low 32 bits. 0 on failure.
+	unsigned long GetSize() const;
+	long long GetSize64() const;
+	unsigned long GetCurrentPos() const;
+	long long GetCurrentPos64() const;
+
+	/// Which kind was opened last, also after closing.
+	bool IsOSFile() const;
+	bool IsMemFile() const;
+	bool IsDiskFile() const { return mDiskFile; }
+	bool IsOpen() const { return mHandle != nullptr; }
+	/// The back end's own, for telling files apart; null when closed.
+	void* GetHandle() const { return mHandle; }
+	/// The block of an open memory file, which growth may have moved; null for other files.
+	void* GetMemoryBlock() const;
+	/// Null without streaming; valid until `FinishStreaming`.
+	const estFILE_STREAM* GetStreamInfo() const;
+
+	/// Null: none.
+	void SetCallBack(CstFileCallBack callBack);
+	/// The largest single write of the writer in bytes, 131072 from the start; 0 is ignored.
+	void SetWriteStreamPackSize(unsigned long bytes);
+
+	/// Ends earlier streaming and makes `count` buffers of `bufferKiB` x 1024 bytes, rounded up
+	/// to a multiple of 4096.
+	/// @param mode `kReadStreaming` (the caller uses the buffers as it likes; `Write` is
+	///        refused), `kWriteStreaming` (`Read` is refused), or both
+	/// @return 0; `kFileNoMemory`, without streaming, for no buffers, without memory or writer thread.
+	unsigned long PrepareForStreaming(unsigned long bufferKiB, unsigned long count, unsigned long mode);
+	unsigned long PrepareForWriteStreaming(unsigned long bufferKiB) {
+		return PrepareForStreaming(bufferKiB, 2, kWriteStreaming);
+	}
+
+	/// Writes what is queued and ends streaming. The writer gets 10 seconds to come back from
+	/// the write it is in. If the device does not answer for that long, the writer keeps the
+	/// open file and the buffers, finishes and closes on its own, and this file is closed.
+	/// @return 0, also without streaming; 0x10000000 when the file did not take all bytes or
+	///         the writer was left behind.
+	unsigned long FinishStreaming();
+
+	/// Queues the current buffer and goes to the next.
+	/// @return the next buffer; null without write streaming, when all buffers are queued
+	///         already, or when the writer has the next one (the current one is queued then).
+	estFILE_STREAM_BUFFER* FlushToNextBuffer();
+	/// Writes a buffer of this file's stream and empties it. One that is queued or being
+	/// written is left to the writer.
+	/// @return 0; 0x10000000 for no buffer or when the file did not take all of it.
+	unsigned long FlushBuffer(estFILE_STREAM_BUFFER* buffer);
+	/// Empties a buffer. @return 0; 0x10000000 for no buffer or one that is queued or being written.
+	unsigned long ResetBuffer(estFILE_STREAM_BUFFER* buffer);
+
+	/// Write formatted text without a terminator; `WriteTextLine` adds "\r\n". The wide forms
+	/// write two bytes per character. Text longer than 1,023 bytes is cut; a line keeps its end.
+	/// @return as `Write`; 0 also for a null format.
+	unsigned long WriteText(const char* format, ...);
+	unsigned long WriteText(const wchar_t* format, ...);
+	unsigned long WriteTextLine(const char* format, ...);
+	unsigned long WriteTextLine(const wchar_t* format, ...);
+
+private:
+	void notify(unsigned long code, unsigned long a = 0, void* p = nullptr);
+	unsigned long openWith(CstFileBackEnd backEnd, base::FileOpenRecord& record);
+	unsigned long callBackEnd(unsigned long code, unsigned long b, void* p) const;
+	void closeHandle();
+	unsigned long endStreaming();
+	bool writeStreaming() const { return (mStreamFlags & kWriteStreaming) != 0; }
+	unsigned long writeNarrow(const char* format, va_list arguments, bool line);
+	unsigned long writeWide(const wchar_t* format, va_list arguments, bool line);
+
+	void* mHandle = nullptr; // the back end's; null when closed
+	CstFileBackEnd mBackEnd = nullptr;
+	uint32_t mStreamFlags = 0;
+	base::FileStream* mStream = nullptr; // the record that `GetStreamInfo` shows
+	CstFileCallBack mCallBack = nullptr;
+	uint32_t mWritePackSize = 0x20000; // bytes
+	bool mDiskFile = false;
+};

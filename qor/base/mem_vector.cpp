@@ -1,0 +1,95 @@
+#include "mem_vector.h"
+
+#include "../platform/memory.h"
+#include "status.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+constexpr size_t kAlignment = 32;
+constexpr size_t kAlignmentReserve = 1024; // bytes an aligned raw block is larger
+
+size_t reserveOf(uint32_t flags) { return flags & CstmMemVector::kAligned ? kAlignmentReserve : 0; }
+
+/// Where the data start in a raw block.
+unsigned char* dataOf(void* raw, uint32_t flags) {
+	auto address = reinterpret_cast<uintptr_t>(raw);
+	if (flags & CstmMemVector::kAligned) address = (address + kAlignment - 1) & ~(kAlignment - 1);
+	return reinterpret_cast<unsigned char*>(address);
+}
+
+/// No block is larger, so the reserve can be added and pointers subtracted.
+constexpr size_t kLargestBlock = SIZE_MAX / 2 - kAlignmentReserve;
+
+} // namespace
+
+void* CstmMemVector::mvAlloc(size_t size) {
+	if (size > kLargestBlock) return nullptr;
+	if (size == 0) {
+		mvRelease();
+		return nullptr;
+	}
+	void* raw = platform::allocate(size + reserveOf(mFlags));
+	if (!raw) return nullptr;
+	mvRelease();
+	mRawBlock = raw;
+	mData = dataOf(raw, mFlags);
+	mByteSize = size;
+	return mData;
+}
+
+void* CstmMemVector::mvRealloc(size_t size) {
+	if (!mRawBlock || size == 0) return mvAlloc(size);
+	if (size > kLargestBlock) return nullptr;
+	const auto oldDistance = mData - static_cast<unsigned char*>(mRawBlock);
+	void* raw = platform::reallocate(mRawBlock, size + reserveOf(mFlags));
+	if (!raw) return nullptr;
+	// The allocator kept the distance from the start of the raw block, the boundary may not.
+	auto* data = dataOf(raw, mFlags);
+	auto* contents = static_cast<unsigned char*>(raw) + oldDistance;
+	if (data != contents) std::memmove(data, contents, std::min<uint64_t>(size, mByteSize));
+	mRawBlock = raw;
+	mData = data;
+	mByteSize = size;
+	return mData;
+}
+
+int CstmMemVector::mvLocalMemMove(size_t destination, size_t source, size_t count) {
+	const auto fits = [&](size_t start) { return start <= mByteSize && count <= mByteSize - start; };
+	if (!fits(destination) || !fits(source)) return kQorFailure;
+	if (count > 0) std::memmove(mData + destination, mData + source, count);
+	return kQorSuccess;
+}
+
+int CstmMemVector::mvCompare(const CstmMemVector& other) const {
+	const auto common = static_cast<size_t>(std::min(mByteSize, other.mByteSize));
+	if (common > 0) {
+		if (const int difference = std::memcmp(mData, other.mData, common)) return difference;
+	}
+	return mByteSize < other.mByteSize ? -1 : mByteSize > other.mByteSize;
+}
+
+void CstmMemVector::mvRelease() {
+	platform::release(mRawBlock);
+	mRawBlock = nullptr;
+	mData = nullptr;
+	mByteSize = 0;
+}
+
+void CstmMemVector::mvSwap(CstmMemVector& other) {
+	std::swap(mFlags, other.mFlags);
+	std::swap(mRawBlock, other.mRawBlock);
+	std::swap(mData, other.mData);
+	std::swap(mByteSize, other.mByteSize);
+}
+
+void* stVirtualAlloc(size_t size, void* address, unsigned long allocationType, unsigned long protection) {
+	return platform::virtualAllocate(size, address, allocationType, protection);
+}
+
+int stVirtualFree(void* address, size_t size, unsigned long freeType) {
+	return platform::virtualFree(address, size, freeType) ? 1 : 0;
+}

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "../platform/export.h"
+
+#include <cstddef>
+#include <cstdint>
+
+/// One resizable block of the heap, optionally starting at a multiple of 32.
+///
+/// A failed allocation leaves the block and its contents as they were. Not locked: one
+/// thread at a time. The containers below build on it and keep the block to themselves.
+class QOR_API CstmMemVector {
+public:
+	static constexpr unsigned long kAligned = 1;        ///< the data start at a multiple of 32
+	static constexpr unsigned long kIndexWrapping = 16; ///< read by the arrays: an index past the end wraps
+
+	explicit CstmMemVector(unsigned long flags = 0) : mFlags(static_cast<uint32_t>(flags)) {}
+	~CstmMemVector() { mvRelease(); }
+	CstmMemVector(const CstmMemVector&) = delete;
+	CstmMemVector& operator=(const CstmMemVector&) = delete;
+
+	/// Replaces the block; the contents are undefined. Size 0 only frees.
+	/// @return the data; null for size 0 and, with the old block still in place, without memory.
+	void* mvAlloc(size_t size);
+
+	/// Resizes the block, keeping the contents up to the smaller size. Size 0 frees it.
+	/// @return the data, which may have moved; null for size 0 and, with nothing changed, without memory.
+	void* mvRealloc(size_t size);
+
+	/// Moves `count` bytes inside the block; the ranges may overlap.
+	/// @return 0; 0x10000000 (nothing moved) when a range leaves the block.
+	int mvLocalMemMove(size_t destination, size_t source, size_t count);
+
+	/// @return 0 for the same bytes, otherwise the sign of the first difference; of two
+	///         vectors that begin alike the shorter one is less.
+	int mvCompare(const CstmMemVector& other) const;
+
+	void* mvGetData() const { return mData; }
+	/// Usable bytes.
+	size_t mvGetSize() const { return static_cast<size_t>(mByteSize); }
+
+protected:
+	void mvRelease();
+	void mvSwap(CstmMemVector& other);
+
+	uint32_t mFlags;
+	void* mRawBlock = nullptr;      // what the allocator gave
+	unsigned char* mData = nullptr; // the raw block, or the first multiple of 32 in it
+	uint64_t mByteSize = 0;
+};
+
+/// Virtual memory of the system, with the numbers of its Windows contract: commit 0x1000,
+/// reserve 0x2000, decommit 0x4000, release 0x8000; no access 1, read 2, read and write 4.
+/// @return null when the system refuses.
+QOR_API void* stVirtualAlloc(size_t size, void* address, unsigned long allocationType, unsigned long protection);
+/// @return 1; 0 when the system refuses.
+QOR_API int stVirtualFree(void* address, size_t size, unsigned long freeType);

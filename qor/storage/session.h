@@ -1,0 +1,244 @@
+#pragma once
+
+#include "../base/linear_array.h"
+#include "../core/object.h"
+#include "../platform/export.h"
+#include "../platform/types.h"
+#include "storage_index.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+class CmsSession;
+class CmsSessionList;
+class CmsStorage;
+
+namespace storage_parts {
+class BufferWriter;
+}
+
+/// A recording: where its frames stand and how many there are. The unit of the session
+/// list file; little-endian.
+///
+/// In memory `mFrameCount` counts the frames fed; in the file it counts only frames whose
+/// data and index records are on the disk.
+struct emsSTORAGE_SESSION {
+	uint32_t mFlags;       // copied into the flags of every index record
+	uint32_t mFirstIndex;  // global number of the first frame in the index file
+	int64_t mStoragePos;   // byte position of the first frame on the data target
+	int64_t mBytesWritten; // bytes of the target that written buffers occupy
+	uint32_t mFrameCount;  // frames recorded
+	uint8_t mReserved1[8];
+	uint32_t mFrameSize;        // bytes
+	uint32_t mAlignedFrameSize; // frame size rounded up to a multiple of 4096
+	uint8_t mUser[780];         // the application's; zeroed by CalculateSession
+	uint32_t mMaxFrameCount;    // frames there is room for
+	uint32_t mFirstIndex2;      // the first index again
+	uint32_t mLastIndex;        // maximum frame count - 1 + first index
+	uint32_t mReserved2;
+};
+static_assert(sizeof(emsSTORAGE_SESSION) == 840);
+static_assert(offsetof(emsSTORAGE_SESSION, mStoragePos) == 8);
+static_assert(offsetof(emsSTORAGE_SESSION, mReserved1) == 28);
+static_assert(offsetof(emsSTORAGE_SESSION, mUser) == 44);
+static_assert(offsetof(emsSTORAGE_SESSION, mMaxFrameCount) == 824);
+static_assert(offsetof(emsSTORAGE_SESSION, mReserved2) == 836);
+
+/// Frames and sessions stand at multiples of this on the data target.
+inline constexpr uint32_t kFrameAlignment = 4096;
+/// The largest frame.
+inline constexpr uint32_t kMaximumFrameSize = 0x80000000;
+
+/// How far a transfer has come, in bytes. Read by any thread.
+struct emsSTORAGE_PROGRESS {
+	std::atomic<long long> mTotal{0};
+	std::atomic<long long> mRemaining{0};
+};
+
+/// What went wrong while recording; all 0 after a good recording. For a session since
+/// `Create`, for the storage since its `Create`.
+struct emsSTORAGE_COUNTERS {
+	unsigned long long mOverflowFrames;    // refused by Feed: no free buffer
+	unsigned long long mRefusedFrames;     // refused by Feed: session full or closed by a failure
+	unsigned long long mShortWrites;       // buffers that did not reach the target whole
+	unsigned long long mLostFrames;        // frames accepted by Feed and lost by short writes or index failures
+	unsigned long long mFailedIndexWrites; // transfers to the index file that failed, retries included
+	unsigned long long mFailedListSaves;   // session list files that could not be written
+};
+
+/// The counters while they count; relaxed, as nothing is ordered by them.
+struct emsSTORAGE_LIVE_COUNTERS {
+	std::atomic<unsigned long long> mOverflowFrames{0};
+	std::atomic<unsigned long long> mRefusedFrames{0};
+	std::atomic<unsigned long long> mShortWrites{0};
+	std::atomic<unsigned long long> mLostFrames{0};
+	std::atomic<unsigned long long> mFailedIndexWrites{0};
+};
+
+/// States of a storage buffer.
+enum emsSTORAGE_BUFFER_STATE : uint32_t {
+	emsBUFFER_FREE = 0,
+	emsBUFFER_FILLING = 1,
+	emsBUFFER_QUEUED = 2,
+	emsBUFFER_WRITING = 3
+};
+
+/// One multi-frame buffer with everything that is needed to write it: frames and their
+/// index records. Owned by its session.
+///
+/// Filling: under the session mutex. Queued and being written: by the storage alone.
+struct emsSTORAGE_BUFFER {
+	std::atomic<uint32_t> mState{emsBUFFER_FREE};
+	CmsSession* mSession = nullptr;
+	int mCapacity = 0; // frames
+	int mFramesUsed = 0;
+	long long mStoragePos = 0;                // of the first frame
+	long long mFirstIndex = 0;                // global
+	emsSTORAGE_INDEX** mIndexTable = nullptr; // record i stands i x 24 bytes into the index block
+	unsigned char** mFrameTable = nullptr;    // slot i stands i x aligned size into the data block
+	emsSTORAGE_INDEX* mIndex = nullptr;       // capacity + 2 records
+	long long mIndexBytes = 0;                // capacity x 24
+	unsigned char* mData = nullptr;           // whole pages, (capacity + 2) x aligned size
+	long long mDataBytes = 0;                 // capacity x aligned size
+	unsigned int mAlignedFrameSize = 0;
+	unsigned int mFrameSize = 0;
+	emsSTORAGE_PROGRESS mProgress;
+	std::atomic<double> mLastWriteTime{0}; // seconds that the last write took
+	std::atomic<double> mLastWriteRate{0}; // MB (2^20 bytes) a second
+
+	// The storage's, while queued or being written.
+	emsSTORAGE_BUFFER* mNext = nullptr;
+	bool mPosted = false;       // counted as on its way
+	bool mIndexWritten = false; // the index records reached the file
+	int mFramesLost = 0;        // at the end of the buffer
+};
+
+/// Results of `LoadRawFrameChecked`.
+inline constexpr int kFrameNotThere = 0x10000000;   // no such frame, or bad arguments
+inline constexpr int kFrameNotWritten = 0x10000001; // fed, and still on its way to the disk
+inline constexpr int kFrameLost = 0x10000002;       // fed, and never reached the disk
+inline constexpr int kFrameUnreadable = 0x10000003; // the disk or the index file does not give it
+inline constexpr int kFrameDamaged = 0x10000004;    // its index record cannot be true
+
+/// One recording on a storage.
+///
+/// A producer calls `Feed` for each frame, which only copies it; one worker of the storage
+/// writes full buffers. docs/recording.md shows the way of a frame and the locks.
+///
+/// Belongs to its session list. `Create`, `AllocResources`, `FreeResources` and `Destroy`
+/// must not run beside `Feed`; the other calls may come from any thread.
+class QOR_API CmsSession final : public qor {
+public:
+	CmsSession();
+	~CmsSession();
+
+	/// Takes over the 840 bytes and starts with clean counters. @return 0; 0x10000000 for null.
+	int Create(const emsSTORAGE_SESSION* record);
+	/// Writes what was fed, then frees the buffers and zeroes the record.
+	void Destroy();
+
+	/// Makes the buffers, all memory touched so that `Feed` meets no page fault. Former
+	/// buffers are written and freed first.
+	/// @return 0; 0x10000000 when either number is below 2, the record has no frame size or
+	/// one above `kMaximumFrameSize`, or less than two buffers could be made (then none is left).
+	int AllocResources(int bufferCount, int framesPerBuffer);
+	/// Writes what was fed and frees the buffers. Returns when the disk has it all.
+	void FreeResources();
+
+	/// Makes one more buffer and adds it to the list. @return null without memory or for `frames` below 1.
+	emsSTORAGE_BUFFER* CreateBuffer(int frames);
+	/// Frees a buffer of this session that is free or filling; one that is on its way to the
+	/// disk is waited for. Null and foreign buffers are ignored.
+	void DestroyBuffer(emsSTORAGE_BUFFER* buffer);
+	/// Claims the first free buffer (it is then filling and empty). @return null when there is none.
+	emsSTORAGE_BUFFER* GetFreeBuffer();
+	int GetBufferCount() const;
+	/// @return null for an index outside the list.
+	emsSTORAGE_BUFFER* GetBuffer(int index) const;
+
+	/// Takes one frame of the record's frame size; the only copy on its way to the disk.
+	/// Never waits for the disk and never allocates.
+	/// @return 0 when it was taken, also when it was ignored because the recording bit is
+	/// clear; 0x10000000 for null, without buffers, when all buffers are on their way to the
+	/// disk (overflow), at the maximum frame count, or after a failure closed the session.
+	/// The last three are counted.
+	int Feed(const void* frame);
+
+	/// Sets or clears the recording bit of the state word.
+	void SetRecording(bool on);
+	/// @return 1 or 0.
+	int IsRecording() const;
+	/// Waits until the storage has written all queued buffers of every session, and checks
+	/// that the session's room on the target does not run into another session's frames; where
+	/// it does, the session takes only the frames that fit. @return 0.
+	int PrepareToRecord();
+	/// Clears the recording bit, queues the frames left in the current buffer and waits until
+	/// the storage has written everything, session list included. @return 0.
+	int StopRecord();
+
+	/// @return 0.
+	int OpenForPlayback();
+	int ClosePlayback();
+
+	/// Reads frame `frameNumber` (from 0) into `buffer`, which has room for the aligned frame
+	/// size. Any address will do; multiples of 4096 save a copy.
+	/// @return 0 in all cases: hosts take it as "request served". A frame that cannot be read
+	/// leaves the buffer as it is, or partly filled after a read error.
+	int LoadRawFrame(void* buffer, long long frameNumber);
+	/// The same with a result. `frameBytes` (may be null) receives the frame's size, 0 on failure.
+	/// @return 0 or one of the results above.
+	int LoadRawFrameChecked(void* buffer, long long frameNumber, unsigned int* frameBytes);
+
+	/// The session mutex, recursive. `Feed` needs it; hold it briefly.
+	void Lock();
+	void Unlock();
+
+	/// A copy of the record as it stands now.
+	emsSTORAGE_SESSION GetRecord() const;
+	/// Frames that are on the disk with their index records.
+	unsigned int GetWrittenFrameCount() const;
+	/// Where the session ends on the target: behind its written buffers, and behind the frames
+	/// that are still on their way.
+	long long GetEndPosition() const;
+	void GetCounters(emsSTORAGE_COUNTERS* out) const;
+
+	// Under the session mutex while recording, except where said.
+	emsSTORAGE_SESSION mSession;
+	CmsStorage* mStorage; // null for a session without storage
+	CmsSessionList* mList;
+	CmsStorageIndexList* mIndexList;
+	double mStartTime;                     // seconds, of the first frame
+	double mStopTime;                      // seconds, of StopRecord
+	CstmArray<emsSTORAGE_BUFFER*> mBuffer; // owned
+	emsSTORAGE_BUFFER* mCurrentBuffer;     // being filled; null: take a free one
+	platform::WaitHandle mMutex;           // session mutex
+	std::atomic<uint32_t> mState;          // bit 0: recording; any thread
+	uint32_t mPreviousState;               // the state word that the last Feed saw
+	uint32_t mRunMarker;                   // 1 or 0; flips when Feed finds the state word changed
+	std::atomic<uint32_t> mPlayback;       // 2 open, 0 closed; any thread
+
+private:
+	friend class CmsSessionList;
+	friend class CmsStorage;
+	friend class storage_parts::BufferWriter;
+	using Counter = std::atomic<unsigned long long> emsSTORAGE_LIVE_COUNTERS::*;
+
+	bool takesFrames() const;
+	void storeFrame(const void* frame, double time);
+	void queueCurrentBuffer();
+	void flushCurrentBuffer();
+	void waitForOwnBuffers();
+	int readFrame(void* buffer, const emsSTORAGE_SESSION& record, long long frameNumber, unsigned int* frameBytes);
+	void count(Counter which, unsigned long long number);
+	emsSTORAGE_SESSION savedRecord() const;
+	void limitToWritten();
+	bool bufferWritten(const emsSTORAGE_BUFFER& buffer, bool indexed);
+
+	// Under the session mutex.
+	uint32_t mUnwritten;          // frames of mFrameCount whose data and index are not on the disk
+	long long mFrameLimit;        // frames that fit before another session's
+	bool mClosed;                 // index records were lost: frames behind them could not be found
+	std::atomic<int> mOnTheirWay; // buffers queued or being written
+	emsSTORAGE_LIVE_COUNTERS mCounters;
+};

@@ -1,0 +1,98 @@
+#pragma once
+
+#include "qor/core/runtime.h"
+#include "qor/storage/storage.h"
+#include "support/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace storage_test {
+
+namespace fs = std::filesystem;
+using test_support::readFile;
+using test_support::writeFile;
+
+/// A frame whose every byte tells which one it is.
+inline std::vector<unsigned char> pattern(size_t size, unsigned number) {
+	std::vector<unsigned char> frame(size);
+	for (size_t i = 0; i < size; ++i) frame[i] = static_cast<unsigned char>(number * 31 + i * 7 + (i >> 8) * number);
+	return frame;
+}
+
+inline void createIn(CmsStorage& storage, const std::string& folder, int sizeMB) {
+	storage.Create((folder + "/list").c_str(), (folder + "/index").c_str(), (folder + "/data").c_str(), sizeMB);
+}
+
+/// A session ready for Feed; null when that is refused.
+inline CmsSession* begin(CmsStorage& storage, unsigned frameSize = 5000, int buffers = 3, int frames = 4) {
+	emsSTORAGE_SESSION record;
+	if (storage.CalculateSession(&record, frameSize) != 0) return nullptr;
+	CmsSession* session = storage.GetSessionList().Add(&record);
+	if (!session || session->AllocResources(buffers, frames) != 0) return nullptr;
+	session->SetRecording(true);
+	session->PrepareToRecord();
+	return session;
+}
+
+/// Whether a frame comes back as it was fed, into a buffer at an odd address too.
+inline bool isThere(CmsSession& session, long long frame, unsigned number) {
+	std::vector<unsigned char> buffer(session.mSession.mAlignedFrameSize + 1);
+	unsigned int bytes = 0;
+	if (session.LoadRawFrameChecked(buffer.data() + 1, frame, &bytes) != 0) return false;
+	const auto expected = pattern(session.mSession.mFrameSize, number);
+	return bytes == expected.size() && std::memcmp(buffer.data() + 1, expected.data(), bytes) == 0;
+}
+
+/// The three files of a storage in a folder of their own, and the lines logged meanwhile.
+class StorageTest : public testing::Test {
+protected:
+	StorageTest() {
+		appLogSetFunc([this](const char* line) {
+			const std::lock_guard guard(mLogMutex);
+			mLog += std::string(line) + "\n";
+			return true;
+		});
+	}
+	~StorageTest() override {
+		mStorage.Destroy();
+		appLogSetFunc({});
+	}
+	std::string path(const char* name) const { return mFolder.path(name); }
+	bool hasLogged(const char* text) {
+		const std::lock_guard guard(mLogMutex);
+		return mLog.find(text) != std::string::npos;
+	}
+	void create(CmsStorage& storage, int sizeMB = 16) { createIn(storage, mFolder.path(), sizeMB); }
+	/// Feeds frames `first` to `first + count - 1`, waiting where the disk is behind. @return frames taken.
+	int feed(CmsSession& session, unsigned first, int count) {
+		const size_t before = mFed.size();
+		for (int i = 0; i < count; ++i) {
+			if (i % 8 == 7) session.mStorage->WaitUntilWritten();
+			const unsigned number = first + static_cast<unsigned>(i);
+			if (session.Feed(pattern(session.mSession.mFrameSize, number).data()) == 0) mFed.push_back(number);
+		}
+		return static_cast<int>(mFed.size() - before);
+	}
+	void startAnew() {
+		mStorage.Destroy();
+		for (const char* name : {"list", "index", "data", "list.damaged"}) fs::remove(path(name));
+		mFed.clear();
+		const std::lock_guard guard(mLogMutex);
+		mLog.clear();
+	}
+
+	test_support::TempFolder mFolder;
+	CmsStorage mStorage;
+	std::vector<unsigned> mFed; // numbers of the frames that Feed took
+
+private:
+	std::mutex mLogMutex;
+	std::string mLog;
+};
+
+} // namespace storage_test

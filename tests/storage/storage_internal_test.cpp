@@ -1,0 +1,153 @@
+#include "storage_fixture.h"
+#include "support/faulty_file_system.h"
+
+#include "qor/platform/faults.h"
+
+using namespace storage_test;
+using test_support::FaultyFileSystem;
+using Call = FaultyFileSystem::Call;
+
+namespace {
+
+class StorageFaults : public StorageTest {
+protected:
+	/// What a host does, whatever fails under way. @return frames that Feed took.
+	int recordEight() {
+		create(mStorage, 5);
+		CmsSession* session = begin(mStorage, 5000, 3, 4);
+		const int taken = session ? feed(*session, 0, 8) : 0;
+		if (session) session->FreeResources();
+		return taken;
+	}
+	/// Every frame the saved list counts is whole or plainly marked as lost; the storage goes
+	/// on recording. @return whole frames.
+	int checkAfterwards() {
+		create(mStorage, 5);
+		EXPECT_TRUE(mStorage.IsReady());
+		int whole = 0;
+		for (int s = 0; s < mStorage.GetSessionList().GetCount(); ++s) {
+			CmsSession& session = *mStorage.GetSessionList().GetSession(s);
+			std::vector<char> buffer(8192);
+			for (unsigned i = 0; i < session.mSession.mFrameCount; ++i) {
+				const bool there = isThere(session, static_cast<int>(i), mFed[i]);
+				EXPECT_TRUE(there || session.LoadRawFrameChecked(buffer.data(), i, nullptr) == kFrameLost) << i;
+				whole += there;
+			}
+		}
+		CmsSession* more = begin(mStorage);
+		EXPECT_TRUE(more && feed(*more, 0, 2) == 2);
+		more->FreeResources();
+		EXPECT_TRUE(isThere(*more, 1, 1));
+		return whole;
+	}
+	unsigned long long troubles() const {
+		emsSTORAGE_COUNTERS c;
+		mStorage.GetCounters(&c);
+		return c.mRefusedFrames + c.mLostFrames + c.mShortWrites + c.mFailedIndexWrites + c.mFailedListSaves;
+	}
+};
+
+TEST_F(StorageFaults, EveryFileCallFailingOnceLosesNothingSilently) {
+	FaultyFileSystem faulty;
+	for (const Call call : {Call::open, Call::write, Call::read, Call::seek, Call::size, Call::flush, Call::replace}) {
+		// The first opens ask for 32 disks and 26 letters, most of which are never there.
+		const int first = call == Call::open ? kMaximumDisks + 26 + 1 : 1;
+		for (int nth = first;; ++nth) {
+			SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(call) << " number " << nth);
+			startAnew();
+			faulty.reset();
+			faulty.fail(call, nth);
+			const int taken = recordEight();
+			const bool reached = faulty.calls(call) >= nth;
+			faulty.reset();
+			const bool told = troubles() > 0 || taken < 8;
+			const int whole = checkAfterwards();
+			EXPECT_TRUE(whole == 8 || told) << whole << " of " << taken;
+			EXPECT_TRUE(!reached || hasLogged("ERROR") || hasLogged("err="));
+			if (!reached || nth > first + 60) break;
+		}
+	}
+}
+
+TEST_F(StorageFaults, EveryAllocationThreadAndWaitObjectFailingOnceIsReported) {
+	using platform::FaultPoint;
+	for (const FaultPoint point : {FaultPoint::memory, FaultPoint::thread, FaultPoint::waitObject}) {
+		for (int nth = 1;; ++nth) {
+			SCOPED_TRACE(testing::Message() << static_cast<int>(point) << " number " << nth);
+			startAnew();
+			platform::armFault(point, nth);
+			const int taken = recordEight();
+			const bool reached = platform::faultCalls(point) >= nth;
+			platform::armFault(point, 0);
+			const int whole = checkAfterwards();
+			EXPECT_TRUE(whole == taken) << whole << " of " << taken;
+			if (!reached || nth > 60) break;
+		}
+	}
+}
+
+TEST_F(StorageFaults, ShortWriteMarksTheLostFramesAndKeepsTheOthers) {
+	FaultyFileSystem faulty;
+	create(mStorage, 5);
+	CmsSession& session = *begin(mStorage, 5000, 3, 4);
+	ASSERT_EQ(feed(session, 0, 4), 4);
+	mStorage.WaitUntilWritten();
+	faulty.tearWrite(2, 8192 + 4096); // behind the index records: one frame and a half
+	ASSERT_EQ(feed(session, 4, 6), 6);
+	session.StopRecord();
+	EXPECT_TRUE(hasLogged("[ERROR] Write (12288 of 32768)"));
+	for (int i = 0; i < 10; ++i) EXPECT_EQ(isThere(session, i, i), i < 5 || i > 7) << i;
+	EXPECT_EQ(session.LoadRawFrameChecked(&faulty, 6, nullptr), kFrameLost);
+	emsSTORAGE_COUNTERS counters;
+	session.GetCounters(&counters);
+	EXPECT_EQ(counters.mShortWrites, 1u);
+	EXPECT_EQ(counters.mLostFrames, 3u);
+	EXPECT_EQ(mStorage.GetSessionList().GetMaxStoragePos(), 4194304 + 10 * 8192);
+	EXPECT_EQ(checkAfterwards(), 7);
+}
+
+TEST_F(StorageFaults, LostIndexRecordsCloseTheSession) {
+	FaultyFileSystem faulty;
+	create(mStorage, 5);
+	CmsSession& session = *begin(mStorage, 5000, 3, 4);
+	ASSERT_EQ(feed(session, 0, 4), 4);
+	mStorage.WaitUntilWritten();
+	faulty.fail(Call::flush, 1, 5, true);
+	ASSERT_EQ(feed(session, 4, 4), 4);
+	mStorage.WaitUntilWritten();
+	faulty.reset();
+	EXPECT_EQ(feed(session, 8, 3), 0);
+	session.StopRecord();
+	emsSTORAGE_COUNTERS counters;
+	mStorage.GetCounters(&counters);
+	EXPECT_EQ(counters.mLostFrames, 4u);
+	EXPECT_EQ(counters.mRefusedFrames, 3u);
+	EXPECT_EQ(checkAfterwards(), 4);
+}
+
+TEST_F(StorageFaults, UnsavedListIsSavedAtTheEnd) {
+	FaultyFileSystem faulty;
+	create(mStorage, 5);
+	CmsSession& session = *begin(mStorage, 5000, 3, 4);
+	faulty.fail(Call::replace, 1);
+	ASSERT_EQ(feed(session, 0, 4), 4);
+	mStorage.WaitUntilWritten();
+	EXPECT_EQ(mStorage.GetSessionList().GetFailedSaves(), 1u);
+	EXPECT_EQ(readFile(path("list")).size(), 4u);
+	session.StopRecord();
+	EXPECT_EQ(checkAfterwards(), 4);
+}
+
+TEST_F(StorageFaults, FullDiskLeavesNoPartOfATarget) {
+	FaultyFileSystem faulty;
+	faulty.setSpace(5 << 20);
+	create(mStorage, 8);
+	EXPECT_TRUE(hasLogged("of 8388608 bytes (err=112)"));
+	EXPECT_EQ(mStorage.GetTotalSpace(), 0);
+	EXPECT_FALSE(fs::exists(path("data")));
+	faulty.reset();
+	create(mStorage, 8);
+	EXPECT_EQ(mStorage.GetTotalSpace(), 8 << 20);
+}
+
+} // namespace

@@ -1,0 +1,275 @@
+#include "object.h"
+
+#include "../base/status.h"
+#include "../platform/format.h"
+#include "../platform/memory.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cstdarg>
+#include <cstring>
+#include <limits>
+#include <tinyxml2.h>
+
+namespace {
+
+/// Children that a safe dispatch copies without the heap.
+constexpr int32_t kChildrenOnStack = 64;
+
+/// Formats into a text that may be an argument itself, and zeroes what is left of it: saved
+/// trees hold no remains of former texts.
+void setText(char (&text)[kQorTextSize], const char* format, va_list arguments) {
+	char formatted[kQorTextSize] = "";
+	if (format) {
+		const size_t length = platform::formatTextV(formatted, sizeof formatted, format, arguments);
+		std::memset(formatted + length, 0, sizeof formatted - length);
+	}
+	std::memcpy(text, formatted, sizeof text);
+}
+
+int isText(const char* text, const char* other) { return other && std::strcmp(text, other) == 0 ? 1 : 0; }
+
+/// Places for `count` entries: grown to powers of two, so no capacity is kept.
+bool haveRoom(qor**& list, int32_t count) {
+	if (count == std::numeric_limits<int32_t>::max()) return false;
+	const auto used = static_cast<uint32_t>(count);
+	if (used != 0 && (used < 4 || !std::has_single_bit(used))) return true;
+	const size_t places = std::max<size_t>(4, size_t{used} * 2);
+	auto* grown = static_cast<qor**>(platform::reallocate(list, places * sizeof(qor*)));
+	if (!grown) return false;
+	list = grown;
+	return true;
+}
+
+int32_t indexOf(qor* const* list, int32_t count, const qor* object) {
+	return static_cast<int32_t>(std::find(list, list + count, object) - list);
+}
+
+void removeEntry(qor** list, int32_t& count, const qor* object) {
+	const int32_t index = indexOf(list, count, object);
+	if (index == count) return;
+	std::copy(list + index + 1, list + count, list + index);
+	--count;
+}
+
+std::atomic<uint32_t> nextIDNumber{0};
+
+/// A dispatch in progress on this thread. Destructors look through these, so a dispatch
+/// never touches an object that one of its handlers destroyed.
+struct Dispatch {
+	explicit Dispatch(const qor* object) : owner(object), outer(innermost) { innermost = this; }
+	Dispatch(const Dispatch&) = delete;
+	Dispatch& operator=(const Dispatch&) = delete;
+	~Dispatch() { innermost = outer; }
+
+	static void forget(qor* object) {
+		for (Dispatch* running = innermost; running; running = running->outer) {
+			if (running->owner == object) running->owner = nullptr;
+			std::replace(running->copy, running->copy + running->count, object, static_cast<qor*>(nullptr));
+		}
+	}
+
+	const qor* owner;     // null when destroyed meanwhile
+	qor** copy = nullptr; // of the child list; destroyed ones are null
+	int32_t count = 0;
+	Dispatch* outer;
+	static thread_local Dispatch* innermost;
+};
+
+thread_local Dispatch* Dispatch::innermost = nullptr;
+
+} // namespace
+
+qor::qor()
+    : mID(), mBaseContext("qor"), mType(), mSubType(), mParent(nullptr), mChildren(nullptr), mChildCount(0), mValues(),
+      mHolders(nullptr), mHolderCount(0), mFirstDependent(nullptr), mNextDependent(nullptr),
+      mPreviousDependent(nullptr) {}
+
+qor::~qor() {
+	Dispatch::forget(this);
+	unlinkParent();
+	while (mFirstDependent) mFirstDependent->unlinkParent();
+	while (mHolderCount > 0) mHolders[mHolderCount - 1]->removeChild(this);
+	while (mChildCount > 0) {
+		qor* child = mChildren[--mChildCount];
+		removeEntry(child->mHolders, child->mHolderCount, this);
+	}
+	platform::release(mHolders);
+	platform::release(mChildren);
+}
+
+void qor::setid(const char* format, ...) {
+	va_list arguments;
+	va_start(arguments, format);
+	setText(mID, format, arguments);
+	va_end(arguments);
+}
+
+void qor::setbasecontext(const char* format, ...) {
+	va_list arguments;
+	va_start(arguments, format);
+	setText(mBaseContext, format, arguments);
+	va_end(arguments);
+}
+
+void qor::settype(const char* format, ...) {
+	va_list arguments;
+	va_start(arguments, format);
+	setText(mType, format, arguments);
+	va_end(arguments);
+}
+
+void qor::setsubtype(const char* format, ...) {
+	va_list arguments;
+	va_start(arguments, format);
+	setText(mSubType, format, arguments);
+	va_end(arguments);
+}
+
+int qor::isid(const char* text) const { return isText(mID, text); }
+int qor::isbasecontext(const char* text) const { return isText(mBaseContext, text); }
+int qor::istype(const char* text) const { return isText(mType, text); }
+int qor::issubtype(const char* text) const { return isText(mSubType, text); }
+
+uint32_t qor::qorNextIDNumber() { return nextIDNumber.fetch_add(1, std::memory_order_relaxed); }
+
+void qor::qorReserveIDNumbers(uint32_t next) {
+	uint32_t current = nextIDNumber.load(std::memory_order_relaxed);
+	while (current < next && !nextIDNumber.compare_exchange_weak(current, next, std::memory_order_relaxed)) {
+	}
+}
+
+uint32_t qor::setidsequence(const char* prefix) {
+	const uint32_t number = qorNextIDNumber();
+	char suffix[16];
+	const size_t length = platform::formatText(suffix, sizeof suffix, "_%u", number);
+	setid("%.*s%s", static_cast<int>(kQorTextSize - 1 - length), prefix ? prefix : "", suffix);
+	return number;
+}
+
+int qor::setparent(qor* parent) {
+	if (parent == this || (parent && parent->standsBelow(this))) return 0;
+	if (parent) {
+		const int32_t index = indexOf(parent->mChildren, parent->mChildCount, this);
+		qor** const end = parent->mChildren + parent->mChildCount;
+		if (index < parent->mChildCount) {
+			std::rotate(parent->mChildren + index, parent->mChildren + index + 1, end);
+		} else if (!parent->addChild(this)) {
+			return 0;
+		}
+	}
+	if (mParent && mParent != parent) mParent->removeChild(this);
+	unlinkParent();
+	if (parent) linkParent(parent);
+	return 1;
+}
+
+int qor::attach(qor* child) {
+	if (!child || child == this || indexOf(mChildren, mChildCount, child) < mChildCount) return 0;
+	return !standsBelow(child) && addChild(child) ? 1 : 0;
+}
+
+int qor::detach(qor* child) {
+	if (!child || indexOf(mChildren, mChildCount, child) == mChildCount) return 0;
+	removeChild(child);
+	return 1;
+}
+
+qor* qor::getchild(int32_t index) const { return index >= 0 && index < mChildCount ? mChildren[index] : nullptr; }
+
+/// Whether a dispatch to `ancestor` would come by here.
+bool qor::standsBelow(const qor* ancestor) const {
+	const qor* object = this;
+	for (; object->mHolderCount == 1; object = object->mHolders[0]) {
+		if (object->mHolders[0] == ancestor) return true;
+	}
+	return std::any_of(object->mHolders, object->mHolders + object->mHolderCount,
+	    [ancestor](const qor* holder) { return holder == ancestor || holder->standsBelow(ancestor); });
+}
+
+/// Appends a child that is not in the list.
+bool qor::addChild(qor* child) {
+	if (!haveRoom(mChildren, mChildCount) || !haveRoom(child->mHolders, child->mHolderCount)) return false;
+	mChildren[mChildCount++] = child;
+	child->mHolders[child->mHolderCount++] = this;
+	return true;
+}
+
+void qor::removeChild(qor* child) {
+	removeEntry(mChildren, mChildCount, child);
+	removeEntry(child->mHolders, child->mHolderCount, this);
+}
+
+void qor::linkParent(qor* parent) {
+	mParent = parent;
+	mNextDependent = parent->mFirstDependent;
+	if (mNextDependent) mNextDependent->mPreviousDependent = this;
+	parent->mFirstDependent = this;
+}
+
+void qor::unlinkParent() {
+	if (!mParent) return;
+	(mPreviousDependent ? mPreviousDependent->mNextDependent : mParent->mFirstDependent) = mNextDependent;
+	if (mNextDependent) mNextDependent->mPreviousDependent = mPreviousDependent;
+	mParent = mNextDependent = mPreviousDependent = nullptr;
+}
+
+int qor::_OnPreDispatchMessage(uint32_t, void*, void*) { return 0; }
+int qor::_OnPostDispatchMessage(uint32_t, void*, void*) { return 0; }
+
+int qor::_DispatchMessage(uint32_t message, void* first, void* second) {
+	Dispatch running(this);
+	if (_OnPreDispatchMessage(message, first, second)) return kQorFailure;
+	for (int32_t i = 0; running.owner && i < mChildCount; ++i) mChildren[i]->_DispatchMessage(message, first, second);
+	if (running.owner) _OnPostDispatchMessage(message, first, second);
+	return kQorSuccess;
+}
+
+int qor::_DispatchMessageSafe(uint32_t message, void* first, void* second) {
+	Dispatch running(this);
+	if (_OnPreDispatchMessage(message, first, second)) return kQorFailure;
+	if (!running.owner) return kQorSuccess;
+	qor* onStack[kChildrenOnStack];
+	const bool fits = mChildCount <= kChildrenOnStack;
+	auto* copy =
+	    fits ? onStack : static_cast<qor**>(platform::allocate(static_cast<size_t>(mChildCount) * sizeof(qor*)));
+	if (!copy) return kQorFailure;
+	std::copy(mChildren, mChildren + mChildCount, copy);
+	running.copy = copy;
+	running.count = mChildCount;
+	for (int32_t i = 0; i < running.count; ++i) {
+		if (copy[i]) copy[i]->_DispatchMessage(message, first, second);
+	}
+	if (running.owner) _OnPostDispatchMessage(message, first, second);
+	if (!fits) platform::release(copy);
+	return kQorSuccess;
+}
+
+int qor::qorCustomCB(uint32_t, void*, void*) { return 0; }
+int qor::qorOnSaveToBuffer(CstMemFile*) { return 0; }
+int qor::qorOnLoadFromBuffer(CstMemFile*, uint32_t) { return 0; }
+int qor::qorOnXMLText(tinyxml2::XMLText*, int, int) { return 0; }
+int qor::qorOnXMLElement(tinyxml2::XMLElement*, int, int) { return 0; }
+
+int qor::qorOnXML(tinyxml2::XMLNode* node, int depth, int flag) {
+	if (!node) return 0;
+	int handled = 0;
+	if (auto* element = node->ToElement()) {
+		handled = qorOnXMLElement(element, depth, flag);
+	} else if (auto* text = node->ToText()) {
+		handled = qorOnXMLText(text, depth, flag);
+	}
+	if (!handled) qorDoXMLNodes(node, depth + 1, flag);
+	return handled;
+}
+
+int qor::qorDoXMLNodes(tinyxml2::XMLNode* node, int depth, int flag) {
+	tinyxml2::XMLNode* child = node ? node->FirstChild() : nullptr;
+	while (child) {
+		tinyxml2::XMLNode* next = child->NextSibling(); // a handler may remove its node
+		qorOnXML(child, depth, flag);
+		child = next;
+	}
+	return 0;
+}

@@ -1,0 +1,198 @@
+#include "core_test.h"
+
+#include <atomic>
+#include <cstring>
+#include <latch>
+#include <regex>
+#include <thread>
+
+namespace {
+
+namespace fs = std::filesystem;
+using test_support::readFile;
+using test_support::writeFile;
+
+/// A line logged before anything was started, and the clock before.
+struct EarlyLine {
+	EarlyLine() {
+		appLogSetFunc([this](const char* line) { return text = line, true; });
+		before = appGetTime();
+		appmsg("early %d", 7);
+		appLogSetFunc(nullptr);
+	}
+	std::string text;
+	double before = 0;
+};
+const EarlyLine earlyLine;
+
+size_t count(const std::string& text, const std::string& part) {
+	size_t found = 0;
+	for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++found;
+	return found;
+}
+
+/// In a folder of its own.
+class Runtime : public testing::Test {
+protected:
+	Runtime() { fs::current_path(mFolder.path()); }
+	~Runtime() override {
+		appUinit();
+		fs::current_path(mBefore);
+	}
+	const fs::path mBefore = fs::current_path();
+	test_support::TempFolder mFolder;
+	core_test::LogLines mLog;
+};
+
+TEST_F(Runtime, DeliversBeforeStartWithRawCounter) {
+	EXPECT_EQ(earlyLine.text.substr(earlyLine.text.find('.') + 4), "early 7");
+	EXPECT_NEAR(std::atof(earlyLine.text.c_str()), earlyLine.before * 1000, 1e12); // at most a second later
+}
+
+TEST_F(Runtime, LogFileName) {
+	static constexpr struct {
+		const char *name, *config, *settings, *log;
+	} cases[] = {
+	    {"last extension only", "a.b.cfg", "", "a.b.LOG"},
+	    {"no extension, point in the folder", "logs.d/app", "", "logs.d/app.LOG"},
+	    {"backslash", "logs.d\\other.cfg", "", "logs.d/other.LOG"},
+	    {"empty path", "", "", ".LOG"},
+	    {"named by the settings", "set.cfg", "[MAIN]\r\nlog_file=chosen.txt\r\n", "chosen.txt"},
+	};
+	fs::create_directory("logs.d");
+	for (const auto& c : cases) {
+		SCOPED_TRACE(c.name);
+		if (*c.settings) writeFile(c.config, c.settings);
+		EXPECT_EQ(appInit(c.config), 1);
+		EXPECT_STREQ(appGetConfigFile(), c.config);
+		appUinit();
+		EXPECT_EQ(count(readFile(c.log), "[ System Started     "), 1u);
+	}
+	appInit(nullptr);
+	EXPECT_STREQ(appGetConfigFile(), "");
+	appUinit();
+	appRawInit(nullptr, 0);
+	EXPECT_TRUE(fs::exists("output.log"));
+}
+
+TEST_F(Runtime, WholeFile) {
+	writeFile("old.LOG", "remains of an older log");
+	writeFile("old.cfg", "[MAIN]\nprocessor_speed=2.5\n");
+	appInit("old.cfg");
+	appmsg("%d of %s %I64d", 1, "two", 1LL << 40);
+	appmsg_Raw("50 %s %n");
+	appUinit();
+	appmsg("to the callback only");
+	EXPECT_EQ(mLog.lines.back().substr(13), "to the callback only");
+	const std::string line = std::string(119, '-') + "\r\n\r\n", time = "[ \\d]{9}\\.\\d\\d ", end = "\r\n" + time,
+	                  date = "(Sun|Mon|Tue|Wed|Thu|Fri|Sat), (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
+	                         "\\d\\d, \\d{4} at \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\]\r\n";
+	const std::regex whole(
+	    "Time in ms   Message\r\n\r\n" + line + time + "\\[ System Started     " + date +
+	    "-< Machine Report >-{101}\r\n\r\n" + time + //
+	    "   Processor Speed \\.{12} 2500000000\\.00" + end + "   Memory \\(TOTAL PHYSICAL\\) \\.{4} \\d+ KB" + end +
+	    "   Memory \\(AVAIL PHYSICAL\\) \\.{4} \\d+ KB" + end + "   Current Directory \\.{10} .+" + end +
+	    "   Current User \\.{15} .+" + end + "   Computer Name \\.{14} .+" + end + "   OS Target \\.{18} 64 bits \r\n" +
+	    line + time + "1 of two 1099511627776" + end + "50 %s %n\r\n" + line + time + "\\[ System Finished    " + date);
+	EXPECT_TRUE(std::regex_match(readFile("old.LOG"), whole)) << readFile("old.LOG");
+}
+
+TEST_F(Runtime, SecondStartKeepsTheFileAndReadsSettingsAgain) {
+	writeFile("twice.cfg", "[MAIN]\nprocessor_speed=2\n");
+	appInit("twice.cfg");
+	writeFile("twice.cfg", "[MAIN]\nprocessor_speed=4\nlog_file=never.log\n");
+	appInit("twice.cfg");
+	appRawInit("never.log", 5000);
+	EXPECT_STREQ(appGetConfigFile(), "stapp_config.cfg");
+	const auto text = readFile("twice.LOG");
+	for (const char* speed : {" 2000000000.00\r\n", " 4000000000.00\r\n", " 5000.00\r\n"})
+		EXPECT_EQ(count(text, speed), 1u) << speed;
+	EXPECT_EQ(count(text, "[ System Started"), 3u);
+	EXPECT_EQ(count(text, "Time in ms"), 3u);
+	EXPECT_FALSE(fs::exists("never.log"));
+	appRawInit("", 0);
+	appmsg("x");
+	EXPECT_EQ(mLog.lines.back().substr(0, 6) + mLog.lines.back().substr(13), "      x"); // from zero again
+}
+
+TEST_F(Runtime, EightWindowsUntilShutDown) {
+	for (int i = 0; i < 9; ++i) EXPECT_EQ(appAddLogWnd(nullptr), i < 8);
+	appUinit();
+	EXPECT_EQ(appAddLogWnd(nullptr), 1);
+}
+
+TEST_F(Runtime, MemoryListCountsFromTheNewest) {
+	constexpr size_t kLines = 3000; // several blocks
+	const size_t before = appLogGetMemListSize();
+	mLog.lines.clear();
+	appLogActivateMemList(true);
+	for (size_t i = 0; i < kLines; ++i) appmsg("line %d", static_cast<int>(i));
+	appLogActivateMemList(false);
+	appmsg("not kept");
+	ASSERT_EQ(appLogGetMemListSize(), before + kLines);
+	for (size_t i = 0; i < kLines; ++i) EXPECT_EQ(appLogGetMemListItem(kLines - 1 - i), mLog.lines[i]);
+	EXPECT_EQ(appLogGetMemListItem(before + kLines - 1), appLogGetMemListItem(before + kLines + 99));
+}
+
+TEST_F(Runtime, OverlongAndNullTexts) {
+	appRawInit("long.log", 0);
+	const std::string text(20000, 'x');
+	appmsg("%s", text.c_str());
+	appmsg_Raw(text.c_str());
+	EXPECT_EQ(count(readFile("long.log"), " " + std::string(8191 - 13, 'x') + "\r\n"), 2u);
+	mLog.take();
+	appmsg(nullptr);
+	appmsg_Raw(nullptr);
+	EXPECT_EQ(mLog.take(), "\n\n");
+}
+
+TEST_F(Runtime, CallbackMayLogThrowAndReplaceItself) {
+	int calls = 0;
+	appLogSetFunc([&calls](const char*) -> bool {
+		if (++calls == 9) appLogSetFunc(nullptr);
+		appmsg("again");
+		throw 1;
+	});
+	for (int i = 0; i < 3; ++i) appmsg("line");
+	EXPECT_EQ(calls, 9); // eight deep, then replaced
+}
+
+TEST_F(Runtime, HeldLogLockDelaysButDoesNotDropALine) {
+	appRawInit("held.log", 0);
+	std::latch inside(1), release(1);
+	appLogSetFunc([&](const char* line) {
+		if (std::strstr(line, "holder")) inside.count_down(), release.wait();
+		return true;
+	});
+	std::thread holder([] { appmsg("holder"); });
+	inside.wait();
+	appmsg("passes");
+	EXPECT_EQ(count(readFile("held.log"), "passes\r\n") + count(readFile("held.log"), "holder"), 1u);
+	release.count_down();
+	holder.join();
+	EXPECT_EQ(count(readFile("held.log"), "holder\r\n"), 1u);
+}
+
+TEST_F(Runtime, ThreadsLogWhileTheLogOpensAndCloses) {
+	std::atomic<int> logged{0};
+	appLogSetFunc(nullptr);
+	std::vector<std::jthread> threads;
+	for (int t = 0; t < 4; ++t)
+		threads.emplace_back([&](const std::stop_token& stop) {
+			while (!stop.stop_requested()) appmsg("a whole line"), ++logged;
+		});
+	for (int i = 0; i < 20; ++i) {
+		appRawInit("busy.log", 0);
+		appLogActivateMemList(i % 2 == 0);
+		appLogSetFunc([](const char*) { return true; });
+		for (const int enough = logged + 100; logged < enough;) appLogGetMemListItem(0);
+		appUinit();
+	}
+	appLogActivateMemList(false);
+	threads.clear();
+	const std::string text = readFile("busy.log");
+	EXPECT_GT(count(text, "a whole line"), 0u);
+	EXPECT_EQ(count(text, "a whole line"), count(text, " a whole line\r\n"));
+}
+
+} // namespace

@@ -1,0 +1,39 @@
+#include <qor/plugins/sio_plugin.h>
+
+#include <cstring>
+
+/// Offers devices no plug-in should; `answers` gives what the manager answered.
+static int sAnswers[6];
+
+static int overrunInformation(void*, unsigned long code, unsigned long, unsigned long, void* p1, void*) {
+	if (code != qorSIO_OBJ_INFORMATION) return 0;
+	// As long as the buffer, without a terminator, and then some.
+	std::memset(p1, 'x', QOR_SIO_INFORMATION_SIZE + 100);
+	std::memcpy(p1, "!siotype,CqorSIO_Object,%s%n", 28);
+	return 0;
+}
+
+static int noInformation(void*, unsigned long, unsigned long, unsigned long, void*, void*) { return 1; }
+
+static int refusesObject(void*, unsigned long code, unsigned long, unsigned long, void* p1, void*) {
+	if (code != qorSIO_OBJ_INFORMATION) return 1;
+	std::strcpy(static_cast<char*>(p1), "!siotype,CqorSIO_Object");
+	return 0;
+}
+
+QOR_SIO_EXPORT int qorSIOEFunc(void* manager, unsigned long code, unsigned long, unsigned long, void* pi, void* p2) {
+	if (code != qorSIO_PI_CALLBACK) return 0;
+	const auto callback = reinterpret_cast<qorSIO_ManagerFunc>(p2);
+	const auto offer = [&](void* from, unsigned long request, qorSIO_Func function) {
+		return callback(manager, from, request, 0, 0, &sAnswers, reinterpret_cast<void*>(function));
+	};
+	sAnswers[0] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, nullptr);
+	sAnswers[1] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, overrunInformation);
+	sAnswers[2] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, noInformation);
+	sAnswers[3] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, refusesObject);
+	sAnswers[4] = offer(pi, 4711, refusesObject);
+	sAnswers[5] = offer(&sAnswers, qorSIO_CB_PI_CREATE_OBJECT, refusesObject);
+	return 0;
+}
+
+QOR_SIO_EXPORT const int* answers() { return sAnswers; }

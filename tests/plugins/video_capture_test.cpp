@@ -1,0 +1,298 @@
+#include "test_support.h"
+
+#include <tuple>
+
+namespace {
+
+struct Event {
+	unsigned long code, a, b;
+	void* p1;
+	void* p2;
+	bool operator==(const Event&) const = default;
+};
+
+/// A camera bound to a played device; remembers what the host callback receives.
+struct Camera : CqorSIO_VideoCap {
+	FakeDevice device;
+	std::vector<Event> events;
+	std::atomic<bool> acknowledges{true};
+	std::atomic<int> asked{0}; // for a change of the geometry
+
+	Camera() {
+		piAccept(&device, &FakeDevice::function);
+		SetUserCallBack(&Camera::onEvent, this);
+	}
+	~Camera() override { piRetire(); }
+
+	static int onEvent(void* context, CqorSIO_VideoCap* camera, unsigned long code, unsigned long a, unsigned long b,
+	    void* p1, void* p2) {
+		auto& self = *static_cast<Camera*>(context);
+		EXPECT_EQ(camera, &self);
+		if (code == QOR_SIO_HOST_GEOMETRY) {
+			EXPECT_TRUE(self.isGeometryChanging());
+			++self.asked;
+			if (self.acknowledges) *static_cast<int*>(p1) = 1;
+		}
+		self.events.push_back({code, a, b, p1, p2});
+		return 5;
+	}
+	int event(unsigned long code, unsigned long a = 0, unsigned long b = 0, void* p1 = nullptr, void* p2 = nullptr) {
+		return _piObjCB(static_cast<CqorSIO_Object*>(this), code, a, b, p1, p2);
+	}
+	unsigned state() {
+		return static_cast<unsigned>(isOnline() << 1 | isOpen() << 2 | isPrepared() << 3 | isAcquiring() << 4 |
+		                             isRecording() << 5 | isReading() << 6 | isPreview() << 7);
+	}
+	std::string lastCommand() { return device.commands.empty() ? "" : device.commands.back(); }
+};
+
+} // namespace
+
+TEST(VideoCapture, OperationsAndState) {
+	static const struct {
+		int (*call)(Camera&);
+		const char* command;
+		unsigned state; // after success, from the state of the row before
+	} cases[] = {
+	    {[](Camera& c) { return c.cmdOpen(); }, "open,", 4},
+	    {[](Camera& c) { return c.cmdAllocInternalBuffers(12); }, "allocbuffers,12", 4},
+	    {[](Camera& c) { return c.cmdPrepare(); }, "prepare,", 4 + 8},
+	    {[](Camera& c) { return c.cmdStart(); }, "start,", 4 + 8 + 16},
+	    {[](Camera& c) { return c.cmdRecord(1); }, nullptr, 4 + 8 + 16 + 32},
+	    {[](Camera& c) { return c.cmdStartRead(); }, nullptr, 4 + 8 + 16 + 32 + 64},
+	    {[](Camera& c) { return c.cmdPreview(1); }, nullptr, 4 + 8 + 16 + 32 + 64 + 128},
+	    {[](Camera& c) { return c.cmdRecord(0); }, nullptr, 4 + 8 + 16 + 64 + 128},
+	    {[](Camera& c) { return c.cmdPrepare(); }, "prepare,", 4 + 8 + 128},
+	    {[](Camera& c) { return c.cmdStop(); }, "stop,", 4 + 128},
+	    {[](Camera& c) { return c.cmdReleaseInternalBuffers(); }, "releasebuffers,", 4 + 128},
+	    {[](Camera& c) { return c.cmdPreview(0); }, nullptr, 4},
+	    {[](Camera& c) { return c.cmdClose(); }, "close,", 0},
+	};
+	Camera camera;
+	for (const auto& c : cases) {
+		SCOPED_TRACE(c.command ? c.command : "bookkeeping");
+		const auto before = camera.state();
+		if (c.command) {
+			camera.device.status = 9;
+			EXPECT_EQ(c.call(camera), 9);
+			EXPECT_EQ(camera.state(), before) << "a failed operation changes nothing";
+		}
+		camera.device.status = 0;
+		camera.device.commands.clear();
+		EXPECT_EQ(c.call(camera), 0);
+		EXPECT_EQ(camera.lastCommand(), c.command ? c.command : "");
+		EXPECT_EQ(camera.state(), c.state);
+	}
+}
+
+TEST(VideoCapture, PropertiesAndTheirKeys) {
+	Camera c;
+	const auto list = [](auto... values) { return std::vector<double>{static_cast<double>(values)...}; };
+	const auto getAll = [&] {
+		return list(c.getMaxWidth(), c.getMaxHeight(), c.getWidth(), c.getHeight(), c.getX(), c.getY(), c.getExposure(),
+		    c.getMinExposure(), c.getMaxExposure(), c.getGain(), c.getMinGain(), c.getMaxGain(), c.getFrameRate(),
+		    c.getMinFrameRate(), c.getMaxFrameRate(), c.getFrameByteSize(), c.gige_getPacketSize(),
+		    c.genICam_GetInt32("F"), c.genICam_GetFloat32("F"));
+	};
+	EXPECT_EQ(getAll(), std::vector<double>(19)) << "failed gets";
+	const char* keys[] = {"!maxwidth", "!maxheight", "!width", "!height", "!x", "!y", "!exposure", "!minexposure",
+	    "!maxexposure", "!gain", "!mingain", "!maxgain", "!framerate", "!minframerate", "!maxframerate",
+	    "!framebytesize", "!gige_packet_size", "!genicam:int32:F", "!genicam:float32:F"};
+	std::vector<double> expected;
+	for (const char* key : keys) {
+		expected.push_back(static_cast<double>(expected.size()) + 7);
+		c.device.values[key] = std::to_string(expected.size() + 6);
+	}
+	EXPECT_EQ(getAll(), expected);
+
+	c.device.commands.clear();
+	EXPECT_EQ(c.setX(1) | c.setY(2) | c.setExposure(3) | c.setGain(4), 0);
+	EXPECT_EQ(c.setFrameRate(5.5f) | c.gige_setPacketSize(6) | c.genICam_SetString("F", "v"), 0);
+	EXPECT_EQ(c.genICam_SetInt32("F", 7) | c.genICam_SetFloat32("F", 0.25f) | c.genICam_Command("F"), 0);
+	EXPECT_EQ(c.setWidth(8) | c.setHeight(9) | c.setROI(1, 2, 3, 4) | c.setROIex(1, 2, 3, 4, 5, 6), 0);
+	EXPECT_EQ(c.genICam_SetInt32(std::string(2000, 'f').c_str(), 1), kFailure) << "too long: not sent";
+	const std::vector<std::string> sent = {"set,!x,1", "set,!y,2", "set,!exposure,3", "set,!gain,4",
+	    "set,!framerate,5.500000", "set,!gige_packet_size,6", "set,!genicam:str:F,\"v\"", "set,!genicam:int32:F,7",
+	    "set,!genicam:float32:F,0.250000", "set,!genicam:cmd:F,\"\"", "set,!width,8", "set,!height,9",
+	    "set,!roi,1,2,3,4", "set,!roiex,1,2,3,4,5,6"};
+	EXPECT_EQ(c.device.commands, sent);
+
+	c.device.values = {{"!pixformat", "Mono8"}, {"!genicam:str:F", "\"a, b\""}};
+	char text[kQorSioValueSize] = "old";
+	EXPECT_EQ(c.getPixFormatConversion(text), kFailure);
+	EXPECT_STREQ(text, "");
+	EXPECT_EQ(c.getPixFormat(text), 0);
+	EXPECT_STREQ(text, "Mono8");
+	EXPECT_EQ(c.genICam_GetString("F", text), 0);
+	EXPECT_STREQ(text, "a, b");
+}
+
+TEST(VideoCapture, EventsReachTheHost) {
+	Camera camera;
+	uint32_t words[14] = {7, 8};
+	EXPECT_EQ(camera.event(40010, 1, 2, words, &camera), 0);
+	EXPECT_EQ(camera.event(40010), kFailure) << "no information";
+	EXPECT_EQ(camera.event(40011, 1), 0);
+	EXPECT_EQ(camera.IsSensorAcquiring(), 1);
+	camera.event(40011, 2);
+	EXPECT_EQ(camera.IsSensorAcquiring(), 0);
+	camera.event(40101);
+	EXPECT_TRUE(camera.isOnline());
+	camera.event(40110, 3);
+	EXPECT_FALSE(camera.isOnline());
+	camera.event(40200, 4, 5, words, &camera);
+	EXPECT_EQ(camera.event(40120), 0) << "not for plug-ins";
+	EXPECT_EQ(camera.event(1), 0);
+	const std::vector<Event> expected = {{40010, 8, 0, words, nullptr}, {40011, 1, 0, nullptr, nullptr},
+	    {40011, 2, 0, nullptr, nullptr}, {40101, 0, 0, nullptr, nullptr}, {40110, 3, 0, nullptr, nullptr},
+	    {40200, 4, 5, words, &camera}};
+	EXPECT_EQ(camera.events, expected);
+	EXPECT_EQ(camera.GetFrameCount(), 1);
+	EXPECT_EQ(camera.callUserCB(1, 0, 0, nullptr, nullptr), 5);
+	camera.SetUserCallBack(nullptr, nullptr);
+	EXPECT_EQ(camera.callUserCB(1, 0, 0, nullptr, nullptr), kFailure);
+}
+
+TEST(VideoCapture, ReadsTheDeviceStringsWhenItConnects) {
+	Camera camera;
+	camera.device.values = {{"!vendorname", "V"}, {"!modelname", std::string(200, 'm')},
+	    {"!manufacturerinfo", "\"I, J\""}, {"!version", "1"}, {"!firmwareversion", "2"}, {"!deviceID", "D%s"},
+	    {"!vendorinfo", "not a camera's"}};
+	camera.event(40100);
+	EXPECT_TRUE(camera.isOnline());
+	const std::vector<std::string> read = {camera.getVendorName(), camera.getModelName(), camera.getManufacturerInfo(),
+	    camera.getVersion(), camera.getFirmwareVersion(), camera.GetDeviceID()};
+	EXPECT_EQ(read, (std::vector<std::string>{"V", std::string(127, 'm'), "I, J", "1", "2", "D%s"}));
+}
+
+TEST(VideoCapture, TheFifthFrameForgetsTheStartUp) {
+	Camera camera;
+	ASSERT_EQ(camera.SetIntervalRingSize(4), 0);
+	EXPECT_EQ(camera.SetIntervalRingSize(-1), kFailure);
+	qorSIO_INTERVAL_STATISTICS statistics;
+	uint32_t words[14] = {};
+	const auto countAfter = [&](int frames) {
+		for (int i = 0; i < frames; ++i) camera.event(40010, 0, 0, words);
+		camera.GetIntervalStatistics(&statistics);
+		return statistics.mCount;
+	};
+	EXPECT_EQ(countAfter(3), 3);
+	EXPECT_EQ(countAfter(2), 0);
+	EXPECT_EQ(countAfter(3), 3);
+	EXPECT_EQ(countAfter(8), 4) << "a ring, cleared once only";
+	EXPECT_GE(statistics.mMaximum, statistics.mMean);
+	EXPECT_GE(statistics.mMean, statistics.mMinimum);
+	EXPECT_LT(statistics.mMaximum, 5.0) << "the interval before the first frame is not among them";
+	EXPECT_EQ(camera.cmdStart(), 0);
+	EXPECT_EQ(countAfter(5), 0) << "started anew";
+	EXPECT_EQ(camera.GetFrameCount(), 21);
+}
+
+TEST(VideoCapture, FrameInformationGoesRound) {
+	Camera camera;
+	EXPECT_EQ(camera.GetFreeFrameInfoPtr(), nullptr);
+	ASSERT_EQ(camera.SetFrameInfoRingSize(2), 0);
+	auto* first = camera.GetFreeFrameInfoPtr();
+	first->mByteSize = first->mFrameNumber = 5;
+	EXPECT_EQ(camera.GetFreeFrameInfoPtr(), first + 1);
+	EXPECT_EQ(camera.GetFreeFrameInfoPtr(), first);
+	EXPECT_EQ(first->mByteSize, 0u);
+	EXPECT_EQ(first->mFrameNumber, 5u);
+	camera.device.result = 1;
+	EXPECT_EQ(camera.cmdOpen(), kFailure);
+	EXPECT_EQ(first->mFrameNumber, 0u) << "cleared also when the open fails";
+	EXPECT_EQ(camera.GetFreeFrameInfoPtr(), first);
+	camera.device.result = 0;
+	camera.cmdStart();
+	EXPECT_EQ(camera.SetFrameInfoRingSize(3), kFailure);
+}
+
+TEST(VideoCapture, GeometryWaitsForTheHost) {
+	Camera camera;
+	LogLines log;
+	camera.acknowledges = false;
+	std::thread host([&] { camera.acknowledges = eventually([&] { return camera.asked > 3; }); });
+	camera.device.onCommand = [&](const std::string&) {
+		EXPECT_TRUE(camera.isGeometryChanging());
+		EXPECT_TRUE(camera.acknowledges);
+	};
+	EXPECT_EQ(camera.setROI(1, 2, 3, 4), 0);
+	host.join();
+	EXPECT_FALSE(camera.isGeometryChanging());
+	EXPECT_TRUE(log.has("[BEGIN] [CqorSIO_VideoCap] "));
+	EXPECT_TRUE(log.has(": setROI(1,2,3,4)"));
+	EXPECT_FALSE(log.has("TIMEOUT!!!"));
+	camera.device.answer = [](const std::string&) { return "!roi,17"; };
+	EXPECT_EQ(camera.setROI(1, 2, 3, 4), 17);
+	EXPECT_EQ(camera.setROIex(1, 2, 3, 4, 5, 6), kFailure) << "no key in the reply";
+	EXPECT_EQ(camera.setWidth(64), kFailure);
+	camera.device.result = 1;
+	EXPECT_EQ(camera.setROIex(1, 2, 3, 4, 5, 6), 0) << "told by the log alone";
+	EXPECT_TRUE(log.has("setROIEX(1,2,3,4,5,6) - P2"));
+	EXPECT_FALSE(camera.isGeometryChanging());
+}
+
+TEST(VideoCapture, GeometryChangesWithoutTheHostInTheEnd) {
+	Camera camera;
+	LogLines log;
+	camera.acknowledges = false;
+	const auto begin = std::chrono::steady_clock::now();
+	EXPECT_EQ(camera.setWidth(64), 0);
+	const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+	EXPECT_GE(seconds, 2.9);
+	EXPECT_LT(seconds, 6.0);
+	EXPECT_TRUE(log.has("TIMEOUT!!!"));
+	EXPECT_EQ(camera.lastCommand(), "set,!width,64");
+}
+
+TEST(TimeCapture, SplitsTheTime) {
+	static const struct {
+		const char* value;
+		int result;
+		eqorSIO_TIME time;
+	} cases[] = {
+	    {"2026/11/21/13/45/59999/1.5", 0, {2026, 11, 21, 13, 45, 59999, 1.5}},
+	    {"1/2/3/4", 0, {1, 2, 3, 4, 0, 0, 0}},
+	    {"/2//x/5/6/7e2/8", 0, {0, 2, 0, 0, 5, 6, 700}},
+	    {"65537/0/0/257", 0, {1, 0, 0, 1, 0, 0, 0}},
+	    {"", kFailure, {}},
+	};
+	const auto tied = [](const eqorSIO_TIME& t) {
+		return std::tuple(t.mPart1, t.mPart2, t.mPart3, t.mPart4, t.mPart5, t.mPart6, t.mPart7);
+	};
+	for (const auto& c : cases) {
+		FakeDevice device;
+		device.values["!time"] = c.value;
+		CqorSIO_TimeCap clock;
+		clock.piAccept(&device, &FakeDevice::function);
+		eqorSIO_TIME time = {9, 9, 9, 9, 9, 9, 9};
+		EXPECT_EQ(clock.getTime(&time), c.result) << c.value;
+		EXPECT_EQ(tied(time), tied(c.time)) << c.value;
+	}
+}
+
+TEST(TimeCapture, CountsEventsAndTheirRate) {
+	FakeDevice device;
+	device.values = {{"!vendorinfo", "V"}, {"!vendorname", "a camera's"}};
+	CqorSIO_TimeCap clock;
+	clock.piAccept(&device, &FakeDevice::function);
+	int calls = 0;
+	clock.SetUserCallBack(
+	    [](void* context, CqorSIO_TimeCap*, unsigned long code, unsigned long, unsigned long, void*, void*) {
+		    EXPECT_EQ(code, 40100u);
+		    return ++*static_cast<int*>(context);
+	    },
+	    &calls);
+	for (const unsigned long code : {40010, 40010, 40100, 40110, 40200, 40010})
+		EXPECT_EQ(clock.OnObjectCB(code, 0, 0, nullptr, nullptr), 0);
+	EXPECT_EQ(calls, 1);
+	EXPECT_TRUE(clock.isOnline()) << "a timing device ignores 40110";
+	EXPECT_STREQ(clock.getVendorInfo(), "V");
+	clock.CountHostEvents(30);
+	clock.updatePerfCounters();
+	EXPECT_EQ(clock.GetEventRate(), 0) << "not before a second has passed";
+	EXPECT_TRUE(eventually([&] { return clock.updatePerfCounters(), clock.GetEventRate() > 0; }));
+	EXPECT_NEAR(clock.GetHostEventRate() / clock.GetEventRate(), 10, 0.001);
+	EXPECT_EQ(clock.cmdOpen() | clock.cmdPrepare() | clock.cmdStart(), 0);
+	EXPECT_TRUE(clock.isOpen() && clock.isPrepared() && clock.isAcquiring());
+}

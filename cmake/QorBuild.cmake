@@ -26,6 +26,9 @@ function(qor_target_settings target)
 		target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
 			$<$<BOOL:${QOR_WARNINGS_AS_ERRORS}>:-Werror>)
 	endif()
+	if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+		target_compile_options(${target} PRIVATE -Wno-restrict) # false for std::string's operator+ at -O3
+	endif()
 	if(WIN32)
 		target_compile_definitions(${target} PRIVATE _WIN32_WINNT=0x0A00)
 	endif()

@@ -133,6 +133,7 @@ std::vector<std::filesystem::path> numberedFiles(const std::string& folder) {
 	}
 	std::sort(found.begin(), found.end());
 	std::vector<std::filesystem::path> files;
+	files.reserve(found.size());
 	for (auto& [key, path] : found) files.push_back(std::move(path));
 	return files;
 }

@@ -169,11 +169,11 @@ int buffersInUse(const CmsSession& session) {
 }
 
 void progressLine(const CmsSession& session, const FrameSink& sink, double seconds, char end) {
-	const auto megabytes = static_cast<double>(sink.mTaken) * session.GetRecord().mFrameSize / (1 << 20);
+	const unsigned long long frames = sink.mTaken, lost = sink.mRefused + sink.mMissing + sink.mWrongSize;
+	const auto megabytes = static_cast<double>(frames) * session.GetRecord().mFrameSize / (1 << 20);
 	char line[160];
 	std::snprintf(line, sizeof line, "%7.1f s  %9llu frames  %8.1f MB/s  buffers %2d of %d  lost %llu      ", seconds,
-	    static_cast<unsigned long long>(sink.mTaken), seconds > 0 ? megabytes / seconds : 0, buffersInUse(session),
-	    session.GetBufferCount(), static_cast<unsigned long long>(sink.mRefused + sink.mMissing + sink.mWrongSize));
+	    frames, seconds > 0 ? megabytes / seconds : 0, buffersInUse(session), session.GetBufferCount(), lost);
 	std::cout << '\r' << line << end << std::flush;
 }
 

@@ -26,7 +26,7 @@ inline constexpr int kQorSioValueSize = 512;
 /// Commands and replies are lines of items separated by commas. In a reply the value is
 /// the item behind the first item equal to the key (exact comparison). A reply without
 /// that item, an empty value, or a non-zero answer of the object function is 0x10000000.
-/// Items in double quotes lose them, and \" \\ \n \r \t in them are decoded.
+/// Items in double quotes lose them, and the escapes `\"`, `\\`, `\n`, `\r`, `\t` in them are decoded.
 class QOR_API CqorSIO_Object : public Cmc {
 public:
 	CqorSIO_Object();

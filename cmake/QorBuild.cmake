@@ -37,7 +37,9 @@ function(qor_target_settings target)
 		target_link_options(${target} PRIVATE -static)
 	endif()
 	if(QOR_SANITIZE)
-		target_compile_options(${target} PRIVATE -fsanitize=${QOR_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+		# gcc takes the standard library's std::regex and std::function for uninitialised when instrumented.
+		target_compile_options(${target} PRIVATE -fsanitize=${QOR_SANITIZE} -fno-omit-frame-pointer
+			-fno-sanitize-recover=undefined $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 		target_link_options(${target} PRIVATE -fsanitize=${QOR_SANITIZE})
 	endif()
 endfunction()

@@ -141,13 +141,14 @@ void appMachineReport() {
 }
 
 void appmsg(const char* format, ...) {
+	core::Log& log = core::theLog();
 	char line[core::kLogLineSize + 2];
-	size_t length = core::theLog().putTime(line);
+	size_t length = log.putTime(line);
 	va_list arguments;
 	va_start(arguments, format);
 	length += platform::formatTextV(line + length, core::kLogLineSize - length, format ? format : "", arguments);
 	va_end(arguments);
-	core::theLog().deliver(line, length);
+	log.deliver(line, length);
 }
 
 void appmsg_Raw(const char* text) {

@@ -105,6 +105,13 @@ public:
 		}
 		mAt += count;
 	}
+	/// A run of the format, bytes; they are few as a rule, so a loop beats two calls.
+	const char* literal(const char* from) {
+		Out* at = mAt;
+		for (Out* const end = mEnd; at != end && *from && *from != '%'; ++from) *at++ = *from;
+		mAt = at;
+		return from;
+	}
 	void character(char32_t point) {
 		Out units[4];
 		const size_t count = encode(point, units);
@@ -259,8 +266,12 @@ void formatInteger(Output<Out>& out, const Directive& d, Arguments& arguments) {
 
 template <class Out>
 void formatReal(Output<Out>& out, const Directive& d, Arguments& arguments) {
+	const double value = va_arg(arguments.list, double);
 	char digits[formatting::kRealDigits];
-	emit(out, d, makeReal(va_arg(arguments.list, double), d, digits));
+	const size_t length = formatting::writeShortReal(value, d, digits);
+	if (length == 0) return emit(out, d, makeReal(value, d, digits));
+	if (d.width > length) out.fill(' ', d.width - length);
+	out.text(digits, length);
 }
 
 template <class Out>
@@ -376,12 +387,33 @@ bool formatDirective(Output<Out>& out, const Directive& d, Arguments& arguments)
 	}
 }
 
-const char* findDirective(const char* at) { return at + std::strcspn(at, "%"); }
-
-const wchar_t* findDirective(const wchar_t* at) {
-	while (*at && *at != '%') ++at;
-	return at;
+/// The directives that most lines consist of, `%s`, `%d` and `%12.2f`, without the records
+/// of the general way. @return false, nothing taken, for any other.
+bool formatPlain(Output<char>& out, const char*& at, Arguments& arguments) {
+	if (*at == 's') {
+		formatString(out, Directive(), false, arguments);
+		return ++at, true;
+	}
+	char digits[formatting::kIntegerDigits];
+	if (*at == 'd') {
+		const size_t length = formatting::writeInteger(va_arg(arguments.list, int), digits);
+		out.text(digits, length);
+		return ++at, true;
+	}
+	if (*at == '0') return false; // a flag
+	const char* next = at;
+	Directive d;
+	d.width = takeCount(next);
+	if (next[0] != '.' || next[1] < '0' || next[1] > '3' || next[2] != 'f') return false;
+	d.hasPrecision = true;
+	d.precision = static_cast<size_t>(next[1] - '0');
+	d.conversion = 'f';
+	at = next + 3;
+	formatReal(out, d, arguments);
+	return true;
 }
+
+bool formatPlain(Output<char16_t>&, const wchar_t*&, Arguments&) { return false; }
 
 void copyLiteral(Output<char>& out, const char* from, const char* to) {
 	out.text(from, static_cast<size_t>(to - from));
@@ -389,6 +421,14 @@ void copyLiteral(Output<char>& out, const char* from, const char* to) {
 
 void copyLiteral(Output<char16_t>& out, const wchar_t* from, const wchar_t* to) {
 	while (from < to && !out.full()) out.character(takeCodePoint(from));
+}
+
+/// Copies up to the next directive, the end or a full output. @return where that is.
+const char* takeLiteral(Output<char>& out, const char* at) { return out.literal(at); }
+
+const wchar_t* takeLiteral(Output<char16_t>& out, const wchar_t* at) {
+	while (*at && *at != '%' && !out.full()) out.character(takeCodePoint(at));
+	return at;
 }
 
 template <class Out, class In>
@@ -399,11 +439,10 @@ size_t run(Out* to, size_t size, const In* format, va_list list) {
 	Arguments arguments;
 	va_copy(arguments.list, list);
 	for (const In* at = format; *at && !out.full();) {
-		const In* literal = at;
-		at = findDirective(at);
-		copyLiteral(out, literal, at);
+		at = takeLiteral(out, at);
 		if (!*at || out.full()) break;
 		const In* start = at++;
+		if (formatPlain(out, at, arguments)) continue;
 		const Directive d = takeDirective(at, arguments);
 		if (!formatDirective(out, d, arguments)) copyLiteral(out, start, at);
 	}

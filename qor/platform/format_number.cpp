@@ -24,34 +24,43 @@ void addSign(bool negative, const Directive& d, Number& number) {
 		number.addPrefix(' ');
 }
 
+/// Behind the point stand `kPlaces` digits of `scaled`. @return the end.
+template <size_t kPlaces>
+char* writePlaces(uint64_t scaled, char* out) {
+	constexpr uint64_t kPower = kPlaces == 3 ? 1000 : kPlaces == 2 ? 100 : kPlaces == 1 ? 10 : 1;
+	char* at = std::to_chars(out, out + kIntegerDigits, scaled / kPower).ptr;
+	if constexpr (kPlaces > 0) {
+		uint64_t behind = scaled % kPower;
+		*at = '.';
+		for (size_t i = kPlaces; i > 0; --i, behind /= 10) at[i] = static_cast<char>('0' + behind % 10);
+		at += kPlaces + 1;
+	}
+	return at;
+}
+
 /// The C library's "%.<precision>f" of a magnitude, exactly, halves to even, for a
-/// precision of 0 to 3. @return false for magnitudes left to the general way.
-bool shortFixed(double magnitude, size_t precision, char* out, size_t* length) {
+/// precision of 0 to 3. @return the length, 0 for magnitudes left to the general way.
+size_t shortFixed(double magnitude, size_t precision, char* out) {
 	static constexpr uint64_t kPowers[] = {1, 10, 100, 1000};
 	const auto bits = std::bit_cast<uint64_t>(magnitude);
 	const int exponent = static_cast<int>(bits >> 52);
-	if (precision > 3 || exponent >= 1075) return false; // 2^52 and above
+	if (precision > 3 || exponent >= 1075) return 0; // 2^52 and above
 	const uint64_t fraction = bits & ((uint64_t{1} << 52) - 1);
 	const uint64_t mantissa = exponent ? fraction | uint64_t{1} << 52 : fraction;
 	const int shift = 1075 - (exponent ? exponent : 1);
-	const uint64_t power = kPowers[precision];
-	const uint64_t scaled = mantissa * power; // below 2^63
+	const uint64_t scaled = mantissa * kPowers[precision]; // below 2^63
 	uint64_t rounded = 0;
 	if (shift < 64) {
 		rounded = scaled >> shift;
 		const uint64_t rest = scaled & ((uint64_t{1} << shift) - 1);
 		const uint64_t half = uint64_t{1} << (shift - 1);
-		if (rest > half || (rest == half && (rounded & 1))) ++rounded;
+		rounded += rest > half || (rest == half && (rounded & 1));
 	}
-	char* at = std::to_chars(out, out + 24, rounded / power).ptr;
-	if (precision) {
-		*at++ = '.';
-		uint64_t behind = rounded % power;
-		for (size_t i = precision; i-- > 0; behind /= 10) at[i] = static_cast<char>('0' + behind % 10);
-		at += precision;
-	}
-	*length = static_cast<size_t>(at - out);
-	return true;
+	const char* end = precision == 2   ? writePlaces<2>(rounded, out)
+	                  : precision == 3 ? writePlaces<3>(rounded, out)
+	                  : precision == 1 ? writePlaces<1>(rounded, out)
+	                                   : writePlaces<0>(rounded, out);
+	return static_cast<size_t>(end - out);
 }
 
 int decimalExponent(double magnitude, size_t precision) {
@@ -69,13 +78,12 @@ int decimalExponent(double magnitude, size_t precision) {
 /// The digits of a finite magnitude into `out` (kRealDigits long). @return their number.
 size_t writeMagnitude(double magnitude, char style, const Directive& d, size_t precision, char* out) {
 	char* const end = out + kRealDigits;
-	size_t length = 0;
 	const auto write = [&](std::chars_format format, size_t places) {
 		return static_cast<size_t>(std::to_chars(out, end, magnitude, format, static_cast<int>(places)).ptr - out);
 	};
 	switch (style) {
 	case 'f':
-		if (shortFixed(magnitude, precision, out, &length)) return length;
+		if (const size_t length = shortFixed(magnitude, precision, out)) return length;
 		return write(std::chars_format::fixed, precision);
 	case 'e': return write(std::chars_format::scientific, precision);
 	case 'g': {
@@ -146,6 +154,19 @@ Number makeInteger(bool negative, uint64_t magnitude, const Directive& d, char* 
 	if (d.alternate && base == 8 && !startsWithZero) number.leadingZeros = 1;
 	number.zeroPadded = d.zero && !d.hasPrecision;
 	return number;
+}
+
+size_t writeInteger(int value, char* digits) {
+	return static_cast<size_t>(std::to_chars(digits, digits + kIntegerDigits, value).ptr - digits);
+}
+
+size_t writeShortReal(double value, const Directive& d, char* digits) {
+	const bool flags = d.left || d.plus || d.blank || d.alternate || d.zero;
+	if (flags || d.conversion != 'f' || !d.hasPrecision) return 0;
+	const size_t sign = std::signbit(value) ? 1 : 0;
+	digits[0] = '-';
+	const size_t length = shortFixed(std::fabs(value), d.precision, digits + sign);
+	return length ? sign + length : 0;
 }
 
 Number makePointer(const void* value, char* digits) {

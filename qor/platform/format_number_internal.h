@@ -53,4 +53,10 @@ Number makePointer(const void* value, char* digits);
 Number makeReal(double value, const Directive& d, char* digits);
 Number makeLongReal(long double value, const Directive& d, char* digits);
 
+/// "%d" in the same buffer, whole. @return the length.
+size_t writeInteger(int value, char* digits);
+/// "%f" without flags and with a precision of 0 to 3, whole but for its width.
+/// @return the length; 0 for other directives and values.
+size_t writeShortReal(double value, const Directive& d, char* digits);
+
 } // namespace platform::formatting

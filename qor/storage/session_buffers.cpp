@@ -54,9 +54,10 @@ void fillTables(emsSTORAGE_BUFFER& buffer) {
 	}
 }
 
-/// More than the machine has would be granted by some systems, and end the process when touched.
+/// More than the machine has free would be granted by some systems, and end the process when
+/// touched. Former buffers are touched already, so what is free now is what counts.
 bool fitsIntoMemory(const emsSTORAGE_BUFFER& buffer) {
-	return dataBlockBytes(buffer) <= static_cast<long long>(platform::memoryStatus().totalPhysical);
+	return dataBlockBytes(buffer) <= static_cast<long long>(platform::memoryStatus().availablePhysical);
 }
 
 bool usableSizes(uint32_t frameSize, uint32_t alignedSize) {

@@ -1,4 +1,4 @@
-#include "temp_file.h"
+#include "support/temp_folder.h"
 
 #include <qor/base/persistent_array.h>
 #include <qor/base/string_set.h>
@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+using namespace test_support;
 using Lines = std::vector<std::string>;
 
 static Lines lines(CstmCharStringSet& set) {
@@ -73,29 +74,29 @@ TEST(StringSet, InsertsReadsInSequenceAndCopies) {
 }
 
 TEST(StringSet, SplitsFilesAtCarriageReturns) {
-	static const struct {
-		const char* text;
-		Lines expected;
-	} cases[] = {{"x\ny\r\nz", {"x\ny", "z"}}, {"a\rb\r\r\n", {"a", "b", ""}}, {"a\r\n\nb", {"a", "\nb"}}, {"", {}}};
-	const TempFile file;
+	const TempFolder folder;
+	const std::string path = folder.path("file");
+	static const std::pair<const char*, Lines> cases[] = {
+	    {"x\ny\r\nz", {"x\ny", "z"}}, {"a\rb\r\r\n", {"a", "b", ""}}, {"a\r\n\nb", {"a", "\nb"}}, {"", {}}};
 	CstmCharStringSet set;
-	for (const auto& c : cases) {
-		file.write(c.text);
-		EXPECT_EQ(set.LoadFromFile(file.name), 0);
-		EXPECT_EQ(lines(set), c.expected) << c.text;
+	for (const auto& [text, expected] : cases) {
+		writeFile(path, text);
+		EXPECT_EQ(set.LoadFromFile(path.c_str()), 0);
+		EXPECT_EQ(lines(set), expected) << text;
 	}
 	set.Add("old");
-	EXPECT_EQ(set.LoadFromFile((file.path + ".missing").c_str()), 0x10000000);
+	EXPECT_EQ(set.LoadFromFile(folder.path("missing").c_str()), 0x10000000);
 	EXPECT_EQ(set.GetCount(), 0);
 }
 
 TEST(StringSet, SavesWholeStringsWithPercentsCollapsed) {
-	const TempFile file;
+	const TempFolder folder;
+	const std::string path = folder.path("file");
 	const std::string longText(200000, 'l');
 	CstmCharStringSet set;
 	for (const char* text : {"100%% sure", "%s%n%d", "", longText.c_str(), "end%"}) set.Add(text);
-	EXPECT_EQ(set.SaveToFile(file.name), 0);
-	EXPECT_EQ(file.read(), "100% sure\r\n%s%n%d\r\n\r\n" + longText + "\r\nend%\r\n");
+	EXPECT_EQ(set.SaveToFile(path.c_str()), 0);
+	EXPECT_EQ(readFile(path), "100% sure\r\n%s%n%d\r\n\r\n" + longText + "\r\nend%\r\n");
 }
 
 TEST(PersistentArray, AddressesNeverMoveAndTheFirstPageFixesTheSize) {

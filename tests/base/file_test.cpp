@@ -1,4 +1,4 @@
-#include "temp_file.h"
+#include "support/temp_folder.h"
 
 #include <qor/base/file.h>
 
@@ -18,7 +18,10 @@ unsigned long record(CstFile*, unsigned long code, unsigned long, unsigned long 
 }
 
 struct FileTest : testing::Test {
-	TempFile mTarget;
+	std::string written() const { return test_support::readFile(mPath); }
+	test_support::TempFolder mFolder;
+	const std::string mPath = mFolder.path("file");
+	const char* mName = mPath.c_str();
 	CstFile mFile;
 };
 
@@ -26,7 +29,7 @@ struct FileTest : testing::Test {
 
 TEST_F(FileTest, WritesSeeksAndReadsSystemFiles) {
 	char text[16] = {};
-	ASSERT_EQ(mFile.Create(mTarget.name, 0xC0000000, 0), 0u);
+	ASSERT_EQ(mFile.Create(mName, 0xC0000000, 0), 0u);
 	EXPECT_TRUE(mFile.IsOpen() && mFile.IsOSFile() && !mFile.IsMemFile() && !mFile.IsDiskFile());
 	EXPECT_EQ(mFile.WriteTextLine("%s %d", "frame", 12), 10u);
 	EXPECT_EQ(mFile.Seek64(-4, 2), 6);
@@ -42,12 +45,12 @@ TEST_F(FileTest, WritesSeeksAndReadsSystemFiles) {
 
 TEST_F(FileTest, FailedOpensLeaveNothingOpen) {
 	for (const unsigned long disposition : {0, 3, 5, 6}) // 3 and 5 need a file
-		EXPECT_EQ(mFile.Open(mTarget.name, disposition, 0xC0000000, 3), 0x10000000u) << disposition;
+		EXPECT_EQ(mFile.Open(mName, disposition, 0xC0000000, 3), 0x10000000u) << disposition;
 	EXPECT_EQ(mFile.OpenReadOnly(nullptr) & mFile.OpenReadOnly(""), 0x10000000u);
 	EXPECT_TRUE(mFile.OpenFromMemory(nullptr, 4) == 0x100003E9 && !mFile.IsOpen());
-	mTarget.write("disk");
-	EXPECT_TRUE(mFile.OpenDisk(mTarget.name) == 0 && mFile.IsDiskFile());
-	EXPECT_TRUE(mFile.OpenReadOnly(mTarget.name) == 0 && !mFile.IsDiskFile() && mFile.Write("x", 1) == 0);
+	test_support::writeFile(mPath, "disk");
+	EXPECT_TRUE(mFile.OpenDisk(mName) == 0 && mFile.IsDiskFile());
+	EXPECT_TRUE(mFile.OpenReadOnly(mName) == 0 && !mFile.IsDiskFile() && mFile.Write("x", 1) == 0);
 }
 
 TEST_F(FileTest, MemoryFilesGrowHeapBlocks) {
@@ -66,12 +69,12 @@ TEST_F(FileTest, MemoryFilesGrowHeapBlocks) {
 
 TEST_F(FileTest, TextIsCutWithItsLineEndKept) {
 	const std::string longText(2000, 'x');
-	mFile.Create(mTarget.name, 0x40000000, 3);
+	mFile.Create(mName, 0x40000000, 3);
 	EXPECT_EQ(mFile.WriteText("%s", longText.c_str()), 1023u);
 	EXPECT_EQ(mFile.WriteTextLine("%s", longText.c_str()), 1023u);
 	EXPECT_EQ(mFile.WriteTextLine(L"%d", 5), 6u);
 	mFile.Close();
-	EXPECT_EQ(mTarget.read().substr(2043), std::string("x\r\n5\0\r\0\n\0", 9));
+	EXPECT_EQ(written().substr(2043), std::string("x\r\n5\0\r\0\n\0", 9));
 }
 
 TEST_F(FileTest, ReportsEveryOperation) {
@@ -91,18 +94,18 @@ TEST_F(FileTest, ReportsEveryOperation) {
 TEST_F(FileTest, CrossingWriteAnswersWithThePartInTheNextBuffer) {
 	const std::string a(4000, 'a'), b(200, 'b');
 	char text[4];
-	mFile.Create(mTarget.name, 0xC0000000, 3);
+	mFile.Create(mName, 0xC0000000, 3);
 	ASSERT_EQ(mFile.PrepareForWriteStreaming(1), 0u);
 	EXPECT_EQ(mFile.Write(a.data(), 4000), 4000u);
 	EXPECT_EQ(mFile.Write(b.data(), 200), 104u);
 	EXPECT_EQ(mFile.Read(text, 4), 0u);
 	EXPECT_EQ(mFile.FinishStreaming(), 0u);
 	EXPECT_EQ(mFile.GetSize(), 8192u); // whole blocks
-	EXPECT_EQ(mTarget.read().substr(0, 4200), a + b);
+	EXPECT_EQ(written().substr(0, 4200), a + b);
 }
 
 TEST_F(FileTest, ReadStreamingOnlyPreparesBuffers) {
-	mFile.Create(mTarget.name, 0xC0000000, 3);
+	mFile.Create(mName, 0xC0000000, 3);
 	ASSERT_EQ(mFile.PrepareForStreaming(5, 3, 1), 0u);
 	EXPECT_TRUE(mFile.Write("x", 1) == 0 && !mFile.FlushToNextBuffer());
 	auto& buffer = mFile.GetStreamInfo()->mBuffers[2];
@@ -120,7 +123,7 @@ TEST_F(FileTest, RefusesRingsThatCannotBe) {
 }
 
 TEST_F(FileTest, StreamsEveryByteInOrder) {
-	mFile.Create(mTarget.name, 0x40000000, 3);
+	mFile.Create(mName, 0x40000000, 3);
 	mFile.SetWriteStreamPackSize(5000);
 	ASSERT_EQ(mFile.PrepareForStreaming(16, 4, 2), 0u);
 	const auto* stream = mFile.GetStreamInfo();
@@ -135,7 +138,7 @@ TEST_F(FileTest, StreamsEveryByteInOrder) {
 		expected += chunk;
 	}
 	EXPECT_EQ(mFile.FinishStreaming(), 0u);
-	const auto written = mTarget.read();
-	EXPECT_EQ(written.size(), (expected.size() + 4095) / 4096 * 4096);
-	EXPECT_TRUE(written.compare(0, expected.size(), expected) == 0);
+	const auto all = written();
+	EXPECT_EQ(all.size(), (expected.size() + 4095) / 4096 * 4096);
+	EXPECT_TRUE(all.compare(0, expected.size(), expected) == 0);
 }

@@ -27,16 +27,14 @@ TEST(MemFile, WritesSeeksAndReads) {
 }
 
 TEST(MemFile, SeekLimits) {
-	static constexpr struct {
-		long start, offset;
-		unsigned long origin, expected;
-	} cases[] = {{0, 200, 0, 100}, {0, -5, 0, 0xFFFFFFFB}, {10, -11, 1, 0}, {90, 11, 1, 100}, {-5, 3, 1, 0},
-	    {0, -100, 2, 0}, {0, -101, 2, 0}, {0, 1, 2, 100}, {42, 5, 3, 42}};
+	static constexpr std::tuple<long, long, unsigned long, unsigned long> cases[] = {{0, 200, 0, 100},
+	    {0, -5, 0, 0xFFFFFFFB}, {10, -11, 1, 0}, {90, 11, 1, 100}, {-5, 3, 1, 0}, {0, -100, 2, 0}, {0, -101, 2, 0},
+	    {0, 1, 2, 100}, {42, 5, 3, 42}};
 	CstMemFile file;
 	ASSERT_EQ(file.Create(100), 0);
-	for (const auto& c : cases) {
-		file.Seek(c.start, 0);
-		EXPECT_EQ(file.Seek(c.offset, c.origin), c.expected) << c.start << ' ' << c.offset << ' ' << c.origin;
+	for (const auto& [start, offset, origin, expected] : cases) {
+		file.Seek(start, 0);
+		EXPECT_EQ(file.Seek(offset, origin), expected) << start << ' ' << offset << ' ' << origin;
 	}
 	char byte = 7;
 	file.Seek(-5, 0); // nothing happens below 0

@@ -7,98 +7,84 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
-#include <vector>
 
 namespace {
 
 using namespace platform;
 using test_support::FaultyFileSystem;
 using test_support::readFile;
-using test_support::TempFolder;
 using test_support::writeFile;
 
+constexpr uint32_t kBoth = kAccessRead | kAccessWrite;
+constexpr uint32_t kAll = kShareRead | kShareWrite;
+
 std::unique_ptr<File> openFile(const std::string& path, Disposition disposition = Disposition::openExisting,
-    uint32_t access = kAccessRead | kAccessWrite, uint32_t share = kShareRead | kShareWrite,
-    uint32_t flags = kAttributeNormal) {
+    uint32_t access = kBoth, uint32_t share = kAll, uint32_t flags = kAttributeNormal) {
 	return fileSystem().open(path.c_str(), {disposition, access, share, flags});
 }
 
 int64_t sizeOf(File& file) {
 	int64_t bytes = -1;
-	EXPECT_TRUE(file.size(&bytes));
-	return bytes;
+	return file.size(&bytes) ? bytes : -2;
 }
 
-TEST(File, Dispositions) {
-	static constexpr struct {
-		Disposition disposition;
-		bool existed;
-		int size;       // -1: does not open
-		uint32_t error; // of the open
-	} cases[] = {{Disposition::createNew, false, 0, 0}, {Disposition::createNew, true, -1, 80},
-	    {Disposition::createAlways, false, 0, 0}, {Disposition::createAlways, true, 0, 183},
-	    {Disposition::openExisting, false, -1, 2}, {Disposition::openExisting, true, 5, 0},
-	    {Disposition::openAlways, false, 0, 0}, {Disposition::openAlways, true, 5, 183},
-	    {Disposition::truncateExisting, false, -1, 2}, {Disposition::truncateExisting, true, 0, 0},
-	    {static_cast<Disposition>(9), true, -1, 87}};
-	TempFolder folder;
-	for (const auto& c : cases) {
-		SCOPED_TRACE(testing::Message() << static_cast<int>(c.disposition) << " existed " << c.existed);
-		const std::string path = folder.path("file");
-		std::filesystem::remove(path);
-		if (c.existed) writeFile(path, "12345");
-		auto file = openFile(path, c.disposition);
-		EXPECT_EQ(lastError(), c.error);
-		ASSERT_EQ(file != nullptr, c.size >= 0);
-		EXPECT_EQ(file ? sizeOf(*file) : -1, c.size);
+/// The result of a call with the error it left, which the next call starts without.
+template <class Result>
+std::pair<int64_t, uint32_t> outcome(Result result) {
+	const uint32_t error = lastError();
+	setLastError(0);
+	return {static_cast<int64_t>(result), error};
+}
+using Outcome = std::pair<int64_t, uint32_t>;
+
+struct FileTest : testing::Test {
+	FileTest() { setLastError(0); }
+	test_support::TempFolder mFolder;
+	const std::string mPath = mFolder.path("file");
+};
+
+TEST_F(FileTest, Dispositions) {
+	static constexpr std::tuple<int, bool, int, uint32_t> cases[] = {{1, false, 0, 0}, {1, true, -1, 80},
+	    {2, false, 0, 0}, {2, true, 0, 183}, {3, false, -1, 2}, {3, true, 5, 0}, {4, false, 0, 0}, {4, true, 5, 183},
+	    {5, false, -1, 2}, {5, true, 0, 0}, {9, true, -1, 87}};
+	for (const auto& [disposition, existed, expected, error] : cases) {
+		SCOPED_TRACE(testing::Message() << disposition << " existed " << existed);
+		std::filesystem::remove(mPath);
+		if (existed) writeFile(mPath, "12345");
+		auto file = openFile(mPath, static_cast<Disposition>(disposition));
+		EXPECT_EQ(lastError(), error);
+		EXPECT_EQ(file ? sizeOf(*file) : -1, expected); // -1: does not open
 	}
-	EXPECT_EQ(openFile(folder.path("file"), Disposition::truncateExisting, kAccessRead), nullptr);
+	EXPECT_EQ(openFile(mPath, Disposition::truncateExisting, kAccessRead), nullptr);
 	EXPECT_EQ(lastError(), 87u);
 }
 
-TEST(File, RefusedPaths) {
-	TempFolder folder;
-	const std::string missing = folder.path("no") + kPathSeparator + "file";
-	const struct {
-		const char* name;
-		const char* path;
-		uint32_t error;
-	} cases[] = {{"null", nullptr, 3}, {"empty", "", 3}, {"missing folder", missing.c_str(), 3},
-	    {"no such device", "\\\\.\\nothing_of_that_name", 2}};
-	for (const auto& c : cases) {
-		EXPECT_EQ(fileSystem().open(c.path, {Disposition::openAlways, kAccessRead | kAccessWrite}), nullptr) << c.name;
-		EXPECT_EQ(lastError(), c.error) << c.name;
-		EXPECT_FALSE(fileSystem().exists(c.path)) << c.name;
-		EXPECT_FALSE(fileSystem().remove(c.path)) << c.name;
+TEST_F(FileTest, RefusedPaths) {
+	const std::string missing = mFolder.path("no") + kPathSeparator + "file";
+	const std::pair<const char*, uint32_t> cases[] = {
+	    {nullptr, 3}, {"", 3}, {missing.c_str(), 3}, {"\\\\.\\nothing_of_that_name", 2}};
+	for (const auto& [path, error] : cases) {
+		SCOPED_TRACE(path ? path : "null");
+		EXPECT_EQ(outcome(fileSystem().open(path, {Disposition::openAlways, kBoth}) != nullptr), Outcome(0, error));
+		EXPECT_FALSE(fileSystem().exists(path) || fileSystem().remove(path));
 	}
-	EXPECT_EQ(openFile(folder.path()), nullptr); // a folder
-	EXPECT_EQ(lastError(), 5u);
-	EXPECT_TRUE(fileSystem().exists(folder.path().c_str()));
-	EXPECT_FALSE(fileSystem().remove(folder.path().c_str()));
+	EXPECT_EQ(outcome(openFile(mFolder.path()) != nullptr), Outcome(0, 5)); // a folder
+	EXPECT_TRUE(fileSystem().exists(mFolder.path().c_str()) && !fileSystem().remove(mFolder.path().c_str()));
 }
 
-TEST(File, BothSeparators) {
-	TempFolder folder;
-	writeFile(folder.path("file"), "x");
-	for (const char* separator : {"/", "\\"}) {
-		const std::string path = folder.path() + separator + "file";
-		EXPECT_NE(openFile(path), nullptr);
-		EXPECT_TRUE(fileSystem().exists(path.c_str()));
+TEST_F(FileTest, BothSeparators) {
+	writeFile(mPath, "x");
+	for (const char* name : {"/file", "\\file"}) {
+		EXPECT_TRUE(openFile(mFolder.path() + name) && fileSystem().exists((mFolder.path() + name).c_str())) << name;
 	}
-	EXPECT_TRUE(fileSystem().remove((folder.path() + "\\file").c_str()));
-	EXPECT_FALSE(fileSystem().exists(folder.path("file").c_str()));
-	EXPECT_FALSE(fileSystem().remove(folder.path("file").c_str()));
-	EXPECT_EQ(lastError(), 2u);
+	EXPECT_TRUE(fileSystem().remove((mFolder.path() + "\\file").c_str()));
+	EXPECT_FALSE(fileSystem().exists(mPath.c_str()));
+	EXPECT_EQ(outcome(fileSystem().remove(mPath.c_str())), Outcome(0, 2));
 }
 
-TEST(File, Sharing) {
-	constexpr uint32_t kBoth = kAccessRead | kAccessWrite;
-	constexpr uint32_t kAll = kShareRead | kShareWrite;
-	static constexpr struct {
-		const char* name;
-		uint32_t access, share, nextAccess, nextShare;
-		bool opens;
-	} cases[] = {{"everything shared", kBoth, kAll, kBoth, kAll, true},
+TEST_F(FileTest, Sharing) {
+	static constexpr std::tuple<const char*, uint32_t, uint32_t, uint32_t, uint32_t, bool> cases[] = {
+	    {"everything shared", kBoth, kAll, kBoth, kAll, true},
 	    {"nothing shared", kAccessRead, kShareNone, kAccessRead, kAll, false},
 	    {"later open shares nothing", kAccessRead, kAll, kAccessRead, kShareNone, false},
 	    {"readers together", kAccessRead, kShareRead, kAccessRead, kShareRead, true},
@@ -107,66 +93,52 @@ TEST(File, Sharing) {
 	    {"reader that allows writing beside a writer", kAccessWrite, kShareRead, kAccessRead, kShareWrite, true},
 	    {"two that only deny reading", kAccessWrite, kShareWrite, kAccessWrite, kShareWrite, true},
 	    {"reader beside share write", kAccessWrite, kShareWrite, kAccessRead, kAll, false}};
-	TempFolder folder;
-	const std::string path = folder.path("file");
-	writeFile(path, "kept");
-	for (const auto& c : cases) {
-		SCOPED_TRACE(c.name);
-		auto first = openFile(path, Disposition::openExisting, c.access, c.share);
+	writeFile(mPath, "kept");
+	for (const auto& [name, access, share, nextAccess, nextShare, opens] : cases) {
+		SCOPED_TRACE(name);
+		auto first = openFile(mPath, Disposition::openExisting, access, share);
 		ASSERT_NE(first, nullptr);
-		auto next = openFile(path, Disposition::openExisting, c.nextAccess, c.nextShare);
-		EXPECT_EQ(next != nullptr, c.opens);
-		EXPECT_TRUE(c.opens || lastError() == 32);
+		auto next = openFile(mPath, Disposition::openExisting, nextAccess, nextShare);
+		EXPECT_EQ(outcome(next != nullptr), Outcome(opens, opens ? 0 : 32));
 		first.reset();
 		next.reset();
-		EXPECT_NE(openFile(path, Disposition::openExisting, kBoth, kShareNone), nullptr); // nothing stays claimed
+		EXPECT_NE(openFile(mPath, Disposition::openExisting, kBoth, kShareNone), nullptr); // nothing stays claimed
 	}
-	auto owner = openFile(path, Disposition::openExisting, kAccessRead, kShareRead);
-	EXPECT_EQ(openFile(path, Disposition::createAlways), nullptr);
-	EXPECT_EQ(readFile(path), "kept"); // refused before it was cut
+	auto owner = openFile(mPath, Disposition::openExisting, kAccessRead, kShareRead);
+	EXPECT_EQ(openFile(mPath, Disposition::createAlways), nullptr);
+	EXPECT_EQ(readFile(mPath), "kept"); // refused before it was cut
 }
 
-TEST(File, TransfersAndPositions) {
-	TempFolder folder;
-	auto file = openFile(folder.path("file"), Disposition::createNew);
+TEST_F(FileTest, TransfersAndPositions) {
+	auto file = openFile(mPath, Disposition::createNew);
 	ASSERT_NE(file, nullptr);
 	EXPECT_EQ(file->write("0123456789", 10), 10u);
-	EXPECT_EQ(file->write(nullptr, 5), 0u);
-	EXPECT_EQ(file->write("", 0), 0u);
-	static constexpr struct {
-		int64_t offset;
-		SeekOrigin origin;
-		int64_t position; // -1: refused
-	} seeks[] = {{4, SeekOrigin::begin, 4}, {3, SeekOrigin::current, 7}, {-2, SeekOrigin::current, 5},
-	    {-9, SeekOrigin::end, 1}, {-2, SeekOrigin::current, -1}, {-11, SeekOrigin::end, -1},
-	    {-1, SeekOrigin::begin, -1}, {0, SeekOrigin::current, 1}, {INT64_MAX, SeekOrigin::current, -1},
-	    {8, SeekOrigin::begin, 8}};
-	for (const auto& s : seeks) {
+	EXPECT_EQ(file->write(nullptr, 5) + file->write("", 0), 0u);
+	constexpr auto kBegin = SeekOrigin::begin, kCurrent = SeekOrigin::current, kEnd = SeekOrigin::end;
+	static constexpr std::tuple<int64_t, SeekOrigin, int64_t> seeks[] = // -1: refused
+	    {{4, kBegin, 4}, {3, kCurrent, 7}, {-2, kCurrent, 5}, {-9, kEnd, 1}, {-2, kCurrent, -1}, {-11, kEnd, -1},
+	        {-1, kBegin, -1}, {0, kCurrent, 1}, {INT64_MAX, kCurrent, -1}, {8, kBegin, 8}};
+	for (const auto& [offset, origin, expected] : seeks) {
 		int64_t position = -1;
-		EXPECT_EQ(file->seek(s.offset, s.origin, &position), s.position >= 0);
-		EXPECT_EQ(position, s.position);
+		EXPECT_EQ(file->seek(offset, origin, &position), expected >= 0);
+		EXPECT_EQ(position, expected);
 	}
 	char bytes[8] = {};
 	EXPECT_EQ(file->read(bytes, 8), 2u); // the end
 	EXPECT_STREQ(bytes, "89");
 	EXPECT_EQ(file->read(bytes, 8), 0u);
-	EXPECT_TRUE(file->seek(12, SeekOrigin::begin, nullptr));
-	EXPECT_EQ(file->write("x", 1), 1u);
+	EXPECT_TRUE(file->seek(12, kBegin, nullptr) && file->write("x", 1) == 1 && file->flush());
 	EXPECT_EQ(sizeOf(*file), 13);
-	EXPECT_TRUE(file->flush());
-	EXPECT_EQ(readFile(folder.path("file")), std::string("0123456789\0\0x", 13));
+	EXPECT_EQ(readFile(mPath), std::string("0123456789\0\0x", 13));
 }
 
-TEST(File, AccessIsKept) {
-	TempFolder folder;
-	writeFile(folder.path("file"), "data");
-	auto reader = openFile(folder.path("file"), Disposition::openExisting, kAccessRead);
-	auto writer = openFile(folder.path("file"), Disposition::openExisting, kAccessWrite);
+TEST_F(FileTest, AccessIsKept) {
+	writeFile(mPath, "data");
+	auto reader = openFile(mPath, Disposition::openExisting, kAccessRead);
+	auto writer = openFile(mPath, Disposition::openExisting, kAccessWrite);
 	char byte;
-	setLastError(0);
-	EXPECT_EQ(reader->write("x", 1) + (lastError() == 5 ? 0 : 1), 0u);
-	setLastError(0);
-	EXPECT_EQ(writer->read(&byte, 1) + (lastError() == 5 ? 0 : 1), 0u);
+	EXPECT_EQ(outcome(reader->write("x", 1)), Outcome(0, 5));
+	EXPECT_EQ(outcome(writer->read(&byte, 1)), Outcome(0, 5));
 	EXPECT_TRUE(reader->flush());
 	DiskGeometry geometry;
 	DiskLayout layout;
@@ -174,10 +146,8 @@ TEST(File, AccessIsKept) {
 	EXPECT_FALSE(reader->geometry(&geometry) || reader->layout(&layout) || reader->deviceNumber(&number));
 }
 
-TEST(File, RawTransfers) {
-	TempFolder folder;
-	auto file =
-	    openFile(folder.path("raw"), Disposition::createNew, kAccessRead | kAccessWrite, kShareRead, kRawTransfer);
+TEST_F(FileTest, RawTransfers) {
+	auto file = openFile(mPath, Disposition::createNew, kBoth, kShareRead, kRawTransfer);
 	ASSERT_NE(file, nullptr);
 	constexpr uint32_t kSize = 4 << 20;
 	auto* pages = static_cast<char*>(allocatePages(kSize + kTransferAlignment));
@@ -185,97 +155,64 @@ TEST(File, RawTransfers) {
 	for (uint32_t i = 0; i < kSize; ++i) pages[i] = static_cast<char>(i * 31 >> 7);
 	const std::string written(pages, kSize);
 	EXPECT_EQ(file->write(pages, kSize), kSize);
-	static constexpr struct {
-		const char* name;
-		int64_t position;
-		uint32_t shift, count;
-	} misaligned[] = {{"position", 100, 0, 512}, {"address", 0, 1, 512}, {"count", 0, 0, 511}};
-	for (const auto& m : misaligned) {
-		EXPECT_TRUE(file->seek(m.position, SeekOrigin::begin, nullptr));
-		EXPECT_EQ(file->write(pages + m.shift, m.count), 0u) << m.name;
-		EXPECT_EQ(lastError(), 87u) << m.name;
-		EXPECT_EQ(file->read(pages + m.shift, m.count), 0u) << m.name;
-		EXPECT_EQ(lastError(), 87u) << m.name;
+	static constexpr std::tuple<const char*, int64_t, uint32_t, uint32_t> misaligned[] = {
+	    {"position", 100, 0, 512}, {"address", 0, 1, 512}, {"count", 0, 0, 511}};
+	for (const auto& [name, position, shift, count] : misaligned) {
+		EXPECT_TRUE(file->seek(position, SeekOrigin::begin, nullptr));
+		EXPECT_EQ(outcome(file->write(pages + shift, count)), Outcome(0, 87)) << name;
+		EXPECT_EQ(outcome(file->read(pages + shift, count)), Outcome(0, 87)) << name;
 	}
 	std::memset(pages, 0, kSize);
 	EXPECT_TRUE(file->seek(0, SeekOrigin::begin, nullptr));
 	EXPECT_EQ(file->read(pages, kSize), kSize);
-	EXPECT_EQ(std::string(pages, kSize), written);
+	EXPECT_TRUE(std::string(pages, kSize) == written);
 	EXPECT_EQ(file->read(pages, kTransferAlignment), 0u); // the end
 	EXPECT_EQ(sizeOf(*file), kSize);
 	file.reset();
-	EXPECT_EQ(readFile(folder.path("raw")), written);
-	writeFile(folder.path("odd"), std::string(700, 'o')); // ends inside a sector
-	file = openFile(folder.path("odd"), Disposition::openExisting, kAccessRead, kShareRead, kRawTransfer);
+	EXPECT_TRUE(readFile(mPath) == written);
+	writeFile(mPath, std::string(700, 'o')); // ends inside a sector
+	file = openFile(mPath, Disposition::openExisting, kAccessRead, kShareRead, kRawTransfer);
 	EXPECT_EQ(file->read(pages, kTransferAlignment), 700u);
-	file.reset();
 	releasePages(pages, kSize + kTransferAlignment);
 }
 
-TEST(File, FullMedium) {
+TEST_F(FileTest, FullMedium) {
 	if (!fileSystem().exists("/dev/full")) GTEST_SKIP() << "no always-full file on this system";
 	auto full = openFile("/dev/full", Disposition::openExisting, kAccessWrite);
 	ASSERT_NE(full, nullptr);
-	EXPECT_EQ(full->write("x", 1), 0u);
-	EXPECT_EQ(lastError(), 112u);
+	EXPECT_EQ(outcome(full->write("x", 1)), Outcome(0, 112));
 }
 
-TEST(File, ReplaceIsOneStep) {
-	TempFolder folder;
-	const std::string from = folder.path("new");
-	const std::string to = folder.path("old");
-	EXPECT_FALSE(fileSystem().replace(from.c_str(), to.c_str()));
-	EXPECT_EQ(lastError(), 2u);
+TEST_F(FileTest, ReplaceIsOneStep) {
+	const std::string from = mFolder.path("new");
+	const auto replace = [](const std::string& a, const std::string& b) {
+		return fileSystem().replace(a.c_str(), b.c_str());
+	};
+	EXPECT_EQ(outcome(replace(from, mPath)), Outcome(0, 2));
 	for (const char* contents : {"first", "second"}) { // without and with a target
 		writeFile(from, contents);
-		EXPECT_TRUE(fileSystem().replace(from.c_str(), to.c_str()));
-		EXPECT_EQ(readFile(to), contents);
+		EXPECT_TRUE(replace(from, mPath));
+		EXPECT_EQ(readFile(mPath), contents);
 		EXPECT_FALSE(fileSystem().exists(from.c_str()));
 	}
 	writeFile(from, "third");
-	EXPECT_FALSE(fileSystem().replace(from.c_str(), folder.path().c_str())); // a folder
-	EXPECT_EQ(readFile(from), "third");
-	EXPECT_FALSE(fileSystem().replace(nullptr, to.c_str()) || fileSystem().replace(from.c_str(), ""));
-	EXPECT_EQ(readFile(to), "second");
+	EXPECT_FALSE(replace(from, mFolder.path()) || replace(from, "") || fileSystem().replace(nullptr, mPath.c_str()));
+	EXPECT_EQ(readFile(from) + readFile(mPath), "thirdsecond");
 }
 
-TEST(FileSystem, AnotherOneCanBeInForce) {
-	using Call = FaultyFileSystem::Call;
-	TempFolder folder;
-	const std::string path = folder.path("file");
+TEST_F(FileTest, AnotherFileSystemCanBeInForce) {
 	{
 		FaultyFileSystem faulty;
-		EXPECT_EQ(&fileSystem(), &faulty);
-		faulty.fail(Call::open, 2, 4);
-		auto file = openFile(path, Disposition::createAlways);
+		faulty.fail(FaultyFileSystem::Call::open, 2, 4);
+		auto file = openFile(mPath, Disposition::createAlways);
 		ASSERT_NE(file, nullptr);
-		EXPECT_EQ(openFile(path), nullptr);
-		EXPECT_EQ(lastError(), 4u);
-		EXPECT_EQ(faulty.calls(Call::open), 2);
-		faulty.fail(Call::write, 2, 5);
-		EXPECT_EQ(file->write("one", 3), 3u);
-		EXPECT_EQ(file->write("two", 3), 0u);
-		EXPECT_EQ(lastError(), 5u);
-		faulty.tearWrite(1, 2);
-		EXPECT_EQ(file->write("torn", 4), 2u);
-		EXPECT_EQ(lastError(), 112u);
-		faulty.setSpace(4);
-		EXPECT_EQ(file->write("full", 4), 4u);
-		EXPECT_EQ(file->write("over", 4), 0u);
-		EXPECT_EQ(lastError(), 112u);
-		faulty.fail(Call::seek, 1);
-		EXPECT_FALSE(file->seek(0, SeekOrigin::begin, nullptr));
-		EXPECT_TRUE(file->seek(0, SeekOrigin::begin, nullptr));
-		faulty.fail(Call::replace, 1, 5, true);
-		EXPECT_FALSE(
-		    fileSystem().replace(path.c_str(), path.c_str()) || fileSystem().replace(path.c_str(), path.c_str()));
-		faulty.makeReadOnly(path);
-		EXPECT_EQ(openFile(path), nullptr);
-		EXPECT_NE(openFile(path, Disposition::openExisting, kAccessRead), nullptr);
+		EXPECT_EQ(outcome(openFile(mPath) != nullptr), Outcome(0, 4));
+		EXPECT_EQ(replaceFileSystem(nullptr), &faulty);
+		faulty.tearWrite(1, 2); // the open file keeps the one it came from
+		EXPECT_EQ(outcome(file->write("torn", 4)), Outcome(2, 112));
 	}
 	EXPECT_EQ(&fileSystem(), &systemFileSystem());
-	EXPECT_EQ(readFile(path), "onetofull");
-	EXPECT_EQ(replaceFileSystem(nullptr), &systemFileSystem());
+	EXPECT_EQ(readFile(mPath), "to");
 }
 
 } // namespace

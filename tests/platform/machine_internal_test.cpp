@@ -1,16 +1,19 @@
+#include "qor/platform/clock.h"
 #include "qor/platform/faults.h"
+#include "qor/platform/folder.h"
 #include "qor/platform/machine.h"
 #include "qor/platform/memory.h"
+#include "qor/platform/module.h"
+#include "qor/platform/window.h"
+#include "support/temp_folder.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <ctime>
 #include <functional>
 #include <gtest/gtest.h>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -18,64 +21,49 @@ namespace platform {
 namespace {
 
 TEST(Machine, TextsFitWholeOrNotAtAll) {
-	const std::string current = std::filesystem::current_path().string();
-	const std::string path = std::getenv("PATH");
-	const struct {
-		const char* name;
-		std::function<size_t(char*, size_t)> call;
-		const std::string* expected;
-	} rows[] = {{"directory", currentDirectory, &current}, {"user", userName, nullptr},
-	    {"computer", computerName, nullptr},
-	    {"environment", [](char* out, size_t size) { return environment("PATH", out, size); }, &path}};
-	for (const auto& row : rows) {
-		SCOPED_TRACE(row.name);
+	const std::tuple<const char*, std::function<size_t(char*, size_t)>, std::string> rows[] = {
+	    {"directory", currentDirectory, std::filesystem::current_path().string()}, {"user", userName, ""},
+	    {"computer", computerName, ""},
+	    {"environment", [](char* out, size_t size) { return environment("PATH", out, size); }, std::getenv("PATH")}};
+	for (const auto& [name, call, expected] : rows) {
+		SCOPED_TRACE(name);
 		std::vector<char> text(70000, '?');
-		const size_t length = row.call(text.data(), text.size());
+		const size_t length = call(text.data(), text.size());
 		ASSERT_GT(length, 0u);
-		EXPECT_EQ(std::strlen(text.data()), length);
-		if (row.expected) {
-			EXPECT_EQ(*row.expected, text.data());
-		}
 		const std::string whole = text.data();
-		EXPECT_EQ(row.call(text.data(), length + 1), length);
+		EXPECT_EQ(whole.size(), length);
+		EXPECT_EQ(expected.empty() ? whole : expected, whole); // empty: whatever it is
+		EXPECT_EQ(call(text.data(), length + 1), length);
 		EXPECT_EQ(whole, text.data());
 		text[length] = '?';
-		EXPECT_EQ(row.call(text.data(), length), 0u);
+		EXPECT_EQ(call(text.data(), length), 0u);
 		EXPECT_TRUE(text[0] == 0 && text[length] == '?');
-		EXPECT_EQ(row.call(text.data(), 0), 0u);
-		EXPECT_EQ(row.call(nullptr, 10), 0u);
+		EXPECT_EQ(call(text.data(), 0) + call(nullptr, 10), 0u);
 	}
-}
-
-TEST(Machine, UnsetVariableIsEmpty) {
 	for (const char* name : {"QOR_TEST_NO_SUCH_VARIABLE", "", static_cast<const char*>(nullptr)}) {
 		char text[8] = "old";
-		EXPECT_EQ(environment(name, text, sizeof(text)), 0u);
-		EXPECT_STREQ(text, "");
+		EXPECT_TRUE(environment(name, text, sizeof text) == 0 && !*text);
 	}
 }
 
 TEST(Machine, MemoryAndNumbers) {
 	const MemoryStatus status = memoryStatus();
 	EXPECT_GT(status.totalPhysical, 64u << 20);
-	EXPECT_GT(status.availablePhysical, 0u);
-	EXPECT_LT(status.availablePhysical, status.totalPhysical);
+	EXPECT_TRUE(status.availablePhysical > 0 && status.availablePhysical < status.totalPhysical);
 	const uint32_t process = processId(), thread = threadId();
 	std::atomic<int> stage{0};
 	std::thread other([&] {
-		EXPECT_EQ(processId(), process);
-		EXPECT_NE(threadId(), thread);
+		EXPECT_TRUE(processId() == process && threadId() != thread);
 		setLastError(112);
 		stage = 1;
-		while (stage != 2) {
+		while (stage != 2) { // no call, which might set it
 		}
-		EXPECT_EQ(lastError(), 112u); // each thread has its own
+		EXPECT_EQ(lastError(), 112u);
 	});
-	while (stage != 1) {
-	}
+	while (stage != 1) yieldThread();
 	setLastError(5);
 	stage = 2;
-	EXPECT_EQ(lastError(), 5u);
+	EXPECT_EQ(lastError(), 5u); // each thread has its own
 	other.join();
 	EXPECT_EQ(threadId(), thread);
 }
@@ -84,15 +72,17 @@ TEST(Memory, TheNthCallFails) {
 	const std::function<void*()> calls[] = {[] { return allocate(10); }, [] { return allocateZeroed(10); },
 	    [] { return reallocate(nullptr, 10); }, [] { return allocatePages(10); },
 	    [] { return virtualAllocate(10, nullptr, 0x3000, 4); }};
-	armFault(FaultPoint::memory, 3);
-	for (int i = 0; i < 5; ++i) {
-		void* block = calls[i]();
-		EXPECT_EQ(block == nullptr, i == 2) << i;
-		if (i < 3) release(block);
-		if (i == 3) releasePages(block, 10);
-		if (i == 4) virtualFree(block, 0, 0x8000);
+	for (int nth = 1; nth <= 5; ++nth) {
+		armFault(FaultPoint::memory, nth);
+		for (int i = 0; i < 5; ++i) {
+			void* block = calls[i]();
+			EXPECT_EQ(block == nullptr, i == nth - 1) << i;
+			if (i < 3) release(block);
+			if (i == 3) releasePages(block, 10);
+			if (i == 4) virtualFree(block, 0, 0x8000);
+		}
+		EXPECT_EQ(faultCalls(FaultPoint::memory), 5);
 	}
-	EXPECT_EQ(faultCalls(FaultPoint::memory), 5);
 	armFault(FaultPoint::memory, 0);
 	EXPECT_EQ(faultCalls(FaultPoint::memory), 0);
 }
@@ -117,12 +107,12 @@ TEST(Memory, BlocksOfTheHeap) {
 }
 
 TEST(Memory, PagesAreAlignedAndZeroed) {
-	for (const size_t bytes : {size_t{1}, size_t{4096}, size_t{1000001}}) {
+	for (const int bytes : {1, 4096, 1000001}) {
 		char* pages = static_cast<char*>(allocatePages(bytes));
 		ASSERT_NE(pages, nullptr);
 		EXPECT_EQ(reinterpret_cast<uintptr_t>(pages) % 4096, 0u);
-		const size_t whole = (bytes + 4095) / 4096 * 4096;
-		EXPECT_EQ(static_cast<size_t>(std::count(pages, pages + whole, 0)), whole);
+		const int whole = (bytes + 4095) / 4096 * 4096;
+		EXPECT_EQ(std::count(pages, pages + whole, 0), whole);
 		std::memset(pages, 1, whole);
 		releasePages(pages, bytes);
 	}
@@ -131,30 +121,95 @@ TEST(Memory, PagesAreAlignedAndZeroed) {
 }
 
 TEST(Memory, VirtualRangesAreReservedCommittedAndReleased) {
-	constexpr size_t kRange = 1 << 20;
-	char* range = static_cast<char*>(virtualAllocate(kRange, nullptr, 0x2000, 0x01));
+	char* range = static_cast<char*>(virtualAllocate(1 << 20, nullptr, 0x2000, 0x01));
 	ASSERT_NE(range, nullptr);
 	char* part = static_cast<char*>(virtualAllocate(5000, range + 4096 + 10, 0x1000, 0x04));
 	ASSERT_EQ(part, range + 4096); // whole pages
 	std::memset(part, 7, 8192);
-	EXPECT_EQ(virtualAllocate(100, part, 0x1000, 0x04), part); // again: kept
-	EXPECT_EQ(part[0], 7);
+	EXPECT_TRUE(virtualAllocate(100, part, 0x1000, 0x04) == part && part[0] == 7); // again: kept
 	EXPECT_TRUE(virtualFree(part, 4096, 0x4000));
 	EXPECT_EQ(virtualAllocate(4096, part, 0x1000, 0x02), part);
-	EXPECT_EQ(part[0], 0); // decommitted: lost
-	EXPECT_EQ(part[4096], 7);
-	EXPECT_FALSE(virtualFree(range, kRange, 0x8000));               // a release has no size
+	EXPECT_TRUE(part[0] == 0 && part[4096] == 7);                   // only what was decommitted is lost
+	EXPECT_FALSE(virtualFree(range, 1 << 20, 0x8000));              // a release has no size
 	EXPECT_FALSE(virtualFree(part, 0, 0x8000));                     // and is for the whole
 	EXPECT_EQ(virtualAllocate(4096, range, 0x2000, 0x04), nullptr); // taken
-	EXPECT_TRUE(virtualFree(range, 0, 0x4000));
-	EXPECT_TRUE(virtualFree(range, 0, 0x8000));
+	EXPECT_TRUE(virtualFree(range, 0, 0x4000) && virtualFree(range, 0, 0x8000));
 	EXPECT_FALSE(virtualFree(range, 0, 0x8000));
 	EXPECT_EQ(virtualAllocate(4096, range, 0x1000, 0x04), nullptr);
-	const struct {
-		size_t bytes;
-		unsigned long type, protection;
-	} refused[] = {{0, 0x3000, 4}, {100, 0, 4}, {100, 0x3000, 0}, {SIZE_MAX - 100, 0x2000, 4}};
-	for (const auto& row : refused) EXPECT_EQ(virtualAllocate(row.bytes, nullptr, row.type, row.protection), nullptr);
+	static constexpr std::tuple<size_t, unsigned long, unsigned long> refused[] = {
+	    {0, 0x3000, 4}, {100, 0, 4}, {100, 0x3000, 0}, {SIZE_MAX - 100, 0x2000, 4}};
+	for (const auto& [bytes, type, protection] : refused)
+		EXPECT_EQ(virtualAllocate(bytes, nullptr, type, protection), nullptr);
+}
+
+TEST(Clock, CounterRunsForwardInEveryThread) {
+	int64_t last = counter();
+	for (int i = 0; i < 20; ++i) {
+		int64_t now = 0;
+		std::thread([&] { now = counter(); }).join();
+		EXPECT_GE(now, last);
+		last = now;
+	}
+}
+
+TEST(Clock, SleepsAtLeastTheTimeGiven) {
+	for (const uint32_t ms : {0u, 1u, 20u, 120u}) {
+		const std::time_t before = std::time(nullptr);
+		const int64_t start = counter();
+		sleepMs(ms);
+		const double seconds = (counter() - start) / counterFrequency();
+		EXPECT_GE(seconds, ms / 1000.0);
+		// The other clock keeps the counter's unit honest.
+		EXPECT_LE(seconds, static_cast<double>(std::time(nullptr) - before) + 1.1);
+	}
+	yieldThread();
+}
+
+TEST(Clock, LocalTimeIsTheCalendarOfTheMachine) {
+	const std::time_t before = std::time(nullptr);
+	const LocalTime now = localTime();
+	const std::time_t after = std::time(nullptr);
+	std::tm broken = *std::localtime(&before); // for the daylight saving in force
+	broken.tm_year = now.year - 1900;
+	broken.tm_mon = now.month - 1;
+	broken.tm_mday = now.day;
+	broken.tm_hour = now.hour;
+	broken.tm_min = now.minute;
+	broken.tm_sec = now.second;
+	const std::time_t seconds = std::mktime(&broken);
+	EXPECT_EQ(std::clamp(seconds, before - 1, after), seconds); // the two clocks may differ by a tick
+	EXPECT_EQ(broken.tm_wday, now.dayOfWeek);
+	EXPECT_EQ(std::clamp(now.millisecond, 0, 999), now.millisecond);
+}
+
+TEST(Module, LoadsAndFindsExports) {
+	const bool windows = kPathSeparator == '\\';
+	EXPECT_STREQ(kModuleExtension, windows ? "DLL" : "so");
+	ModuleHandle module = loadModule(windows ? "kernel32.dll" : "libm.so.6");
+	ASSERT_NE(module, nullptr);
+	EXPECT_NE(findExport(module, windows ? "Sleep" : "cos"), nullptr);
+	for (const char* name : {"no_export_of_that_name", "", static_cast<const char*>(nullptr)})
+		EXPECT_FALSE(findExport(module, name) || findExport(nullptr, name));
+	unloadModule(module);
+	unloadModule(nullptr);
+}
+
+TEST(Module, Failures) {
+	test_support::TempFolder folder;
+	const std::string missing = folder.path("none.") + kModuleExtension, text = folder.path("a.") + kModuleExtension;
+	test_support::writeFile(text, "not a library");
+	for (const char* path : {missing.c_str(), "none_of_that_name", "", static_cast<const char*>(nullptr)}) {
+		setLastError(0);
+		EXPECT_EQ(loadModule(path), nullptr);
+		EXPECT_EQ(lastError(), 126u);
+	}
+	setLastError(0);
+	EXPECT_TRUE(!loadModule(text.c_str()) && lastError() != 0);
+}
+
+TEST(Window, MissingOnes) {
+	for (const HWND window : {HWND{}, reinterpret_cast<HWND>(uintptr_t{0x7654320})})
+		EXPECT_FALSE(windowExists(window) || postToWindow(window, 1124, nullptr, nullptr));
 }
 
 } // namespace

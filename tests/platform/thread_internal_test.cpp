@@ -1,16 +1,14 @@
+#include "wait_support.h"
+
 #include "qor/platform/clock.h"
 #include "qor/platform/faults.h"
-#include "qor/platform/machine.h"
 #include "qor/platform/thread.h"
-#include "qor/platform/wait.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
 
 namespace platform {
 namespace {
-
-constexpr uint32_t kLong = 20000;
 
 struct Seen {
 	std::atomic<uint32_t> id{0};
@@ -30,8 +28,9 @@ unsigned look(void* argument) {
 }
 
 TEST(Thread, HandleIsSignalledAtTheEnd) {
+	const Owned until(createEvent(true, false));
 	Seen seen;
-	seen.until = createEvent(true, false);
+	seen.until = until.get();
 	uint32_t id = 0;
 	const WaitHandle thread = startThread(look, &seen, 0, 0, &id);
 	EXPECT_EQ(wait(thread, 20), kWaitTimeout);
@@ -40,7 +39,7 @@ TEST(Thread, HandleIsSignalledAtTheEnd) {
 	EXPECT_EQ(wait(thread, 0), kWaitAcquired); // and stays so
 	EXPECT_EQ(seen.id, id);
 	EXPECT_NE(id, threadId());
-	EXPECT_TRUE(closeHandle(thread) && closeHandle(seen.until));
+	EXPECT_TRUE(closeHandle(thread));
 	EXPECT_EQ(wait(thread, 0), kWaitFailed);
 }
 
@@ -53,46 +52,21 @@ TEST(Thread, GoesOnWhenItsHandleIsClosedAtOnce) {
 	}
 }
 
-TEST(Thread, AbandonsItsMutexesBeforeItsHandleIsSignalled) {
-	WaitHandle mutexes[] = {createMutex(false), createMutex(false, "qor-test-thread-mutex")};
-	const ThreadFunction acquireAll = [](void* argument) -> unsigned {
-		return waitAll(static_cast<WaitHandle*>(argument), 2, kLong);
-	};
-	const WaitHandle thread = startThread(acquireAll, mutexes);
-	EXPECT_EQ(wait(thread, kLong), kWaitAcquired);
-	for (WaitHandle mutex : mutexes) {
-		EXPECT_EQ(wait(mutex, 0), kWaitAbandoned);
-		closeHandle(mutex);
-	}
-	closeHandle(thread);
-}
-
 TEST(Thread, HasThePriorityAndAffinityGiven) {
-	const uint64_t all = currentThreadAffinity();
-	const uint64_t lowest = all & (~all + 1);
-	const struct {
-		const char* name;
-		int priority;
-		uint64_t affinity, expected;
-	} rows[] = {
-	    {"normal", 0, 0, all},
-	    {"idle", -15, lowest, lowest},
-	    {"time critical", 15, all, all},
-	    {"above normal", 1, 0, all},
-	    {"no level of the system", 7, 0, all},
-	    {"one processor of this machine", 0, lowest | uint64_t{1} << 63, lowest},
-	    {"no processor of this machine", 0, uint64_t{1} << 63, all},
-	};
+	const uint64_t all = currentThreadAffinity(), lowest = all & (~all + 1), none = uint64_t{1} << 63;
+	if (all & none) GTEST_SKIP() << "this machine has all 64 processors";
+	const std::tuple<const char*, int, uint64_t, uint64_t> rows[] = {{"normal", 0, 0, all},
+	    {"idle", -15, lowest, lowest}, {"time critical", 15, all, all}, {"above normal", 1, 0, all},
+	    {"no level of the system", 7, 0, all}, {"one processor of this machine", 0, lowest | none, lowest},
+	    {"no processor of this machine", 0, none, all}};
 	ASSERT_NE(all, 0u);
-	for (const auto& row : rows) {
-		SCOPED_TRACE(row.name);
-		if (all >> 63) GTEST_SKIP() << "this machine has all 64 processors";
+	for (const auto& [name, priority, affinity, expected] : rows) {
+		SCOPED_TRACE(name);
 		Seen seen;
-		const WaitHandle thread = startThread(look, &seen, row.priority, row.affinity);
-		ASSERT_EQ(wait(thread, kLong), kWaitAcquired);
-		EXPECT_EQ(seen.priority, row.priority);
-		EXPECT_EQ(seen.affinity, row.expected);
-		closeHandle(thread);
+		const Owned thread(startThread(look, &seen, priority, affinity));
+		ASSERT_EQ(wait(thread.get(), kLong), kWaitAcquired);
+		EXPECT_EQ(seen.priority, priority);
+		EXPECT_EQ(seen.affinity, expected);
 	}
 }
 
@@ -102,10 +76,8 @@ TEST(Thread, StartCanFail) {
 	armFault(FaultPoint::thread, 1);
 	EXPECT_EQ(startThread(look, &seen), nullptr);
 	EXPECT_EQ(lastError(), 8u);
-	const WaitHandle thread = startThread(look, &seen);
-	EXPECT_EQ(wait(thread, kLong), kWaitAcquired);
+	EXPECT_EQ(wait(Owned(startThread(look, &seen)).get(), kLong), kWaitAcquired);
 	armFault(FaultPoint::thread, 0);
-	closeHandle(thread);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "qor/platform/machine.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -47,6 +48,16 @@ public:
 	void makeReadOnly(const std::string& path) {
 		change([&](State& s) { s.readOnly.insert(path); });
 	}
+	/// While held, writes wait before they are done; `waitForHeldWrite` until one does.
+	void holdWrites(bool held) {
+		change([&](State& s) { s.held = held, s.waited = false; });
+	}
+	void waitForHeldWrite() {
+		std::unique_lock<std::mutex> lock(mShared->mutex);
+		mShared->changed.wait(lock, [&] { return mShared->state.waited; });
+	}
+	/// Files that nobody closed yet.
+	long openFiles() const { return mShared.use_count() - 1; }
 	/// Forgets faults, limits and counts.
 	void reset() {
 		change([](State& s) { s = State(); });
@@ -84,15 +95,22 @@ private:
 		std::map<Call, Fault> faults;
 		std::set<std::string> readOnly;
 		int64_t space = -1;
+		bool held = false, waited = false;
 	};
 	/// Outlives the file system as long as a file needs it.
 	struct Shared {
 		std::mutex mutex;
+		std::condition_variable changed;
 		State state;
 
 		/// Counts a call. @return how many of `count` units it may do; fewer sets the error.
 		uint32_t admit(Call call, uint32_t count) {
-			const std::lock_guard<std::mutex> lock(mutex);
+			std::unique_lock<std::mutex> lock(mutex);
+			if (call == Call::write) {
+				state.waited = state.held;
+				changed.notify_all();
+				changed.wait(lock, [&] { return !state.held; });
+			}
 			const int number = ++state.calls[call];
 			const Fault& fault = state.faults[call];
 			const bool hit = fault.at && (number == fault.at || (fault.onwards && number > fault.at));
@@ -113,7 +131,7 @@ private:
 	class FaultyFile final : public platform::File {
 	public:
 		FaultyFile(std::unique_ptr<platform::File> below, std::shared_ptr<Shared> shared)
-		    : mFile(std::move(below)), mState(std::move(shared)) {}
+		    : mState(std::move(shared)), mFile(std::move(below)) {}
 		uint32_t write(const void* data, uint32_t count) override {
 			return limited(mState->admit(Call::write, count), count, [&](uint32_t n) { return mFile->write(data, n); });
 		}
@@ -138,14 +156,15 @@ private:
 			if (allowed < count && done == allowed) platform::setLastError(error);
 			return done;
 		}
+		std::shared_ptr<Shared> mState; // until the file below is closed
 		std::unique_ptr<platform::File> mFile;
-		std::shared_ptr<Shared> mState;
 	};
 
 	template <class Change>
 	void change(Change what) {
 		const std::lock_guard<std::mutex> lock(mShared->mutex);
 		what(mShared->state);
+		mShared->changed.notify_all();
 	}
 	bool passes(Call call) { return mShared->admit(call, 1) != 0; }
 	bool mayChange(const char* path) {

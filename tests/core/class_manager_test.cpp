@@ -1,53 +1,38 @@
+#include "core_test.h"
 #include "qor/core/class_manager.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
+#include <memory>
 #include <thread>
-#include <vector>
 
 namespace {
 
 int refuse(unsigned long, unsigned long, unsigned long, void*, void*) { return kQorFailure; }
 
 TEST(ClassManager, FirstRegistrationWins) {
-	CqorMCManager manager;
+	auto owned = std::make_unique<CqorMCManager>();
+	auto& manager = *owned;
 	auto* first = manager.classAdd("Cmc", Cmc::qorMC__CLASSFUNC, "Device");
-	ASSERT_TRUE(first);
-	EXPECT_EQ(manager.classAdd("Cmc", refuse, nullptr), first);
+	ASSERT_TRUE(first && manager.classAdd("Cmc", refuse, nullptr) == first);
 	EXPECT_STREQ(first->mBaseClass, "Device");
 	EXPECT_STREQ(manager.classAdd("Never", refuse, nullptr)->mBaseClass, "Never");
 	EXPECT_FALSE(manager.classAdd(nullptr, refuse, nullptr) || manager.classAdd("x", nullptr, nullptr));
+	const std::string longer(64, 't'); // would answer for others if it were cut
+	EXPECT_FALSE(manager.classAdd(longer.c_str(), refuse, nullptr));
 	EXPECT_TRUE(manager.classGetCount() == 2 && manager.classGetByIndex(0) == first);
 	EXPECT_FALSE(manager.classGetByIndex(2) || manager.classGetByIndex(-1) || manager.classFindByType("cmc"));
+	EXPECT_FALSE(manager.classNew("Never") || manager.classNew("None") || manager.classNew(nullptr));
 	Cmc* object = manager.classNew("Cmc");
 	ASSERT_TRUE(object && !object->_mcGetParent());
+	object->_mcSetParent(manager.GetRoot()); // which it outlives
+	EXPECT_TRUE(object->_mcGetRoot()->isname("mcRoot"));
+	owned.reset();
+	EXPECT_EQ(object->_mcGetParent(), nullptr);
 	delete object;
-	EXPECT_FALSE(manager.classNew("Never") || manager.classNew("None") || manager.classNew(nullptr));
-}
-
-TEST(ClassManager, LongNamesNeverAnswerForOthers) {
-	CqorMCManager manager;
-	const std::string longest(63, 't'), longer(64, 't');
-	ASSERT_TRUE(manager.classAdd(longest.c_str(), refuse, longer.c_str()));
-	EXPECT_EQ(manager.classGetByIndex(0)->mBaseClass, longest);
-	EXPECT_FALSE(manager.classFindByType(longer.c_str()) || manager.classAdd(longer.c_str(), refuse, nullptr));
-}
-
-TEST(ClassManager, ObjectsOutliveTheRoot) {
-	Cmc child, attached;
-	{
-		CqorMCManager manager;
-		ASSERT_TRUE(manager.GetRoot()->isname("mcRoot"));
-		child._mcSetParent(manager.GetRoot());
-		manager.GetRoot()->_mcAttach(&attached);
-	}
-	EXPECT_EQ(child._mcGetParent(), nullptr);
 }
 
 TEST(ClassManager, ThreadsRegisterEachTypeOnce) {
 	CqorMCManager manager;
-	std::vector<std::thread> threads;
+	std::vector<std::jthread> threads;
 	for (int t = 0; t < 4; ++t)
 		threads.emplace_back([&] {
 			for (int i = 0; i < 50; ++i) {
@@ -59,7 +44,7 @@ TEST(ClassManager, ThreadsRegisterEachTypeOnce) {
 				Cmc()._mclog("%d", qorMCGetManager()->classGetCount());
 			}
 		});
-	for (auto& thread : threads) thread.join();
+	threads.clear();
 	EXPECT_EQ(manager.classGetCount(), 50);
 	EXPECT_EQ(manager.Unlock(), kQorFailure);
 }

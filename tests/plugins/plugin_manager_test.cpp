@@ -1,91 +1,77 @@
 #include "test_support.h"
 
-#include <fstream>
-
 namespace {
 
-/// A manager with one real plug-in in its list, on whose behalf the test calls back.
+namespace fs = std::filesystem;
+
+CqorSIO_PI* plugIn(CqorSIO_PIManager& manager, const std::string& name) {
+	for (int i = 0; i < manager.mPIList.GetCount(); ++i)
+		if (std::string(manager.mPIList(i)->GetPath()).find(name) != std::string::npos) return manager.mPIList(i);
+	return nullptr;
+}
+
+/// A manager with real plug-ins in its list, on behalf of one of which the test calls back.
 struct Host {
 	std::unique_ptr<CqorSIO_Object> object; // made by the user callback
-	std::string seenFile;
-	std::string seenInfo;
+	std::string seenFile, seenInfo;
 	int callbackResult = 0;
 	bool leavesNull = false;
 	std::atomic<int> calls{0};
 	CqorSIO_PIManager manager; // goes first
+	CqorSIO_PI* hostile;
 
 	Host() {
 		manager.Create(QOR_BAD_PLUGINS, 0);
 		manager.SetUserCallBack(&Host::create, this);
+		hostile = plugIn(manager, "hostile");
 	}
-
 	static int create(void* context, unsigned long code, unsigned long, unsigned long, void* p1, void* p2) {
 		auto& self = *static_cast<Host*>(static_cast<CqorSIO_PIManager*>(context)->mUserContext);
 		++self.calls;
-		auto* record = static_cast<eqorSIO_CREATE_VIDEOCAP*>(p1);
-		EXPECT_EQ(code, 1u);
-		EXPECT_EQ(p2, nullptr);
+		EXPECT_TRUE(code == 1 && !p2);
 		if (self.leavesNull) return self.callbackResult;
+		auto* record = static_cast<eqorSIO_CREATE_VIDEOCAP*>(p1);
 		self.seenFile = record->mFileName;
 		self.seenInfo = record->mInfo;
-		if (std::string(record->mTypeName).size() == 16) {
+		if (std::string(record->mTypeName) == "CqorSIO_VideoCap")
 			self.object.reset(record->mObject = new CqorSIO_VideoCap);
-		} else {
+		else
 			self.object.reset(static_cast<eqorSIO_CREATE_TIMECAP*>(p1)->mObject = new CqorSIO_TimeCap);
-		}
 		return self.callbackResult;
 	}
-
-	CqorSIO_PI* plugIn(const std::string& name) {
-		for (int i = 0; i < manager.mPIList.GetCount(); ++i)
-			if (std::string(manager.mPIList(i)->GetPath()).find(name) != std::string::npos) return manager.mPIList(i);
-		return nullptr;
-	}
-	int offer(FakeDevice& device) {
-		return CqorSIO_PIManager::_manCB(&manager, plugIn("hostile"), qorSIO_CB_PI_CREATE_OBJECT, 0, 0, &device,
-		    reinterpret_cast<void*>(&FakeDevice::function));
-	}
 };
+
+int offer(void* manager, void* plugIn, FakeDevice& device) {
+	return CqorSIO_PIManager::_manCB(
+	    manager, plugIn, qorSIO_CB_PI_CREATE_OBJECT, 0, 0, &device, reinterpret_cast<void*>(&FakeDevice::function));
+}
 
 } // namespace
 
 TEST(PlugInManager, LoadsWhatIsAPlugInAndSkipsTheRest) {
-	const FreshFolder folder;
-	std::filesystem::create_directories(folder.path() / "below");
-	std::string extension;
-	for (const auto& entry : std::filesystem::directory_iterator(QOR_BAD_PLUGINS)) {
-		if (!entry.path().extension().compare(".a")) continue;
-		extension = entry.path().extension().string();
-		std::filesystem::copy(entry.path(), folder.path() / "below" / entry.path().filename());
-	}
-	std::ofstream(folder.path() / ("text" + extension)) << "no library at all";
-
+	const TempFolder folder;
+	fs::copy(QOR_BAD_PLUGINS, folder.path("below"));
+	for (const char* name : {"text.dll", "text.so"}) writeFile(folder.path(name), "no library at all");
 	LogLines log;
-	CqorSIO_PIManager flat;
-	EXPECT_EQ(flat.Create(folder.text().c_str(), 0), 0);
-	EXPECT_EQ(flat.mPIList.GetCount(), 0);
-	EXPECT_TRUE(log.has("text" + extension + ") - Cannot load (err="));
-
 	CqorSIO_PIManager manager;
-	EXPECT_EQ(manager.Create(folder.text().c_str(), 1), 0);
+	EXPECT_EQ(manager.Create(folder.path().c_str(), 0), 0);
+	EXPECT_EQ(manager.mPIList.GetCount(), 0);
+	EXPECT_EQ(manager.Create(folder.path().c_str(), 1), 0);
 	ASSERT_EQ(manager.mPIList.GetCount(), 2) << "hostile and refuses; the others have no entry";
-	EXPECT_TRUE(log.has("[ERROR] [CqorSIO_PI] "));
-	EXPECT_TRUE(log.has("no_entry" + extension + ") - eFunc not found"));
-	EXPECT_TRUE(log.has("[OK] piLoad("));
-	EXPECT_EQ(manager.mPIList.Get(2), nullptr);
-	EXPECT_EQ(manager.mPIList.FindByPIContext(manager.mPIList.Get(1)), manager.mPIList.Get(1));
-	EXPECT_EQ(manager.mPIList.FindByPIContext(&manager), nullptr);
-	auto* refuses = manager.mPIList.Get(1);
+	auto* refuses = plugIn(manager, "refuses");
+	const std::string extension = fs::path(refuses->GetPath()).extension().string();
+	for (const std::string& line : std::vector<std::string>{"text" + extension + ") - Cannot load (err=",
+	         "[ERROR] [CqorSIO_PI] ", "no_entry" + extension + ") - eFunc not found", "[OK] piLoad("})
+		EXPECT_TRUE(log.has(line)) << line;
+	EXPECT_TRUE(!manager.mPIList.Get(2) && manager.mPIList.FindByPIContext(refuses) == refuses);
 	const auto introductions = reinterpret_cast<int (*)()>(refuses->piGetFunc("introductions"));
 	ASSERT_NE(introductions, nullptr);
 	EXPECT_EQ(introductions(), 0);
 	EXPECT_EQ(manager.mPIList.MsgToAll(nullptr, qorSIO_PI_CALLBACK + 1, 0, 0, nullptr, nullptr), 0);
-	EXPECT_EQ(refuses->piGetFunc("absent"), nullptr);
-	EXPECT_EQ(refuses->piGetFunc(nullptr), nullptr);
+	EXPECT_TRUE(!refuses->piGetFunc("absent") && !refuses->piGetFunc(nullptr));
 	refuses->piFree();
 	EXPECT_EQ(refuses->piFunc(nullptr, 1001, 0, 0, nullptr, nullptr), -1);
 	EXPECT_EQ(CqorSIO_PI().piLoad(std::string(400, 'x').c_str()), kFailure);
-	EXPECT_EQ(CqorSIO_PI().piLoad(nullptr), kFailure);
 	manager.mPIList.Free();
 	EXPECT_EQ(manager.mPIList.GetCount(), 0);
 }
@@ -93,34 +79,44 @@ TEST(PlugInManager, LoadsWhatIsAPlugInAndSkipsTheRest) {
 TEST(PlugInManager, SurvivesAHostilePlugIn) {
 	LogLines log;
 	Host host;
-	const auto answers = reinterpret_cast<const int* (*)()>(host.plugIn("hostile")->piGetFunc("answers"));
+	const auto answers = reinterpret_cast<const int* (*)()>(host.hostile->piGetFunc("answers"));
 	ASSERT_NE(answers, nullptr);
-	const int expected[] = {kFailure, 0, 0, kFailure, kFailure, kFailure};
-	for (int i = 0; i < 6; ++i) EXPECT_EQ(answers()[i], expected[i]) << i;
-	EXPECT_TRUE(log.has("qorSIO_CB_PI_CREATE_OBJECT - Invalid parameters"));
-	EXPECT_TRUE(log.has("pi does not accept"));
-	EXPECT_TRUE(log.has("CB(4711) from "));
-	EXPECT_TRUE(log.has("[OK] Info (!siotype,CqorSIO_Object,%s%nxxx")) << "a plug-in's text is no format";
+	EXPECT_EQ(
+	    std::vector<int>(answers(), answers() + 6), (std::vector<int>{kFailure, 0, 0, kFailure, kFailure, kFailure}));
+	for (const char* line : {"qorSIO_CB_PI_CREATE_OBJECT - Invalid parameters", "pi does not accept", "CB(4711) from ",
+	         "[OK] Info (!siotype,CqorSIO_Object,%s%nxxx"})
+		EXPECT_TRUE(log.has(line)) << line;
 }
 
-TEST(PlugInManager, MakesTheObjectOfTheType) {
-	enum Made { none, plain, byHost };
-	static constexpr struct {
+TEST(PlugInManager, MakesTheObjectOfTheTypeUnlessHostOrPlugInRefuse) {
+	using Hurdle = void (*)(Host&, FakeDevice&);
+	static constexpr char kCamera[] = "!siotype,CqorSIO_VideoCap";
+	static constexpr char kNone[] = "No interpreter for the class (CqorSIO_VideoCap)";
+	static const struct {
 		const char* name;
 		const char* info;
 		int result;
-		Made made;
+		bool made; // by the host
 		const char* logged;
+		Hurdle hurdle = [](Host&, FakeDevice&) {};
 	} cases[] = {
-	    {"plain", "!siotype,CqorSIO_Object", 0, plain, "  Type=[CqorSIO_Object]"},
-	    {"other case of the type", "!siotype,cqorsio_object", 0, plain, "  Type=[cqorsio_object]"},
-	    {"camera behind other items", "name,x,!siotype, \"CqorSIO_VideoCap\" ,y", 0, byHost, "Type=[CqorSIO_VideoCap]"},
-	    {"timing device", "!siotype,CQORSIO_TIMECAP", 0, byHost, "Type=[CQORSIO_TIMECAP]"},
-	    {"other case of the key", "!SIOTYPE,CqorSIO_VideoCap", kFailure, none, "  Type=[]"},
-	    {"unknown type", "!siotype,Toaster", kFailure, none, "Unknown piType"},
-	    {"no interpreter", "!siotype,Toaster", kFailure, none, "No interpreter for the class (Toaster)"},
-	    {"longer than the type", "!siotype,CqorSIO_Object2", kFailure, none, "Unknown piType"},
-	    {"empty line", "", kFailure, none, "[OK] Info ()"},
+	    {"plain", "!siotype,CqorSIO_Object", 0, false, "  Type=[CqorSIO_Object]"},
+	    {"other case of the type", "!siotype,cqorsio_object", 0, false, "  Type=[cqorsio_object]"},
+	    {"camera behind other items", "x,!siotype, \"CqorSIO_VideoCap\" ,y", 0, true, "Type=[CqorSIO_VideoCap]"},
+	    {"timing device", "!siotype,CQORSIO_TIMECAP", 0, true, "Type=[CQORSIO_TIMECAP]"},
+	    {"other case of the key", "!SIOTYPE,CqorSIO_VideoCap", kFailure, false, "  Type=[]"},
+	    {"unknown type", "!siotype,Toaster", kFailure, false, "Unknown piType"},
+	    {"no interpreter", "!siotype,Toaster", kFailure, false, "No interpreter for the class (Toaster)"},
+	    {"longer than the type", "!siotype,CqorSIO_Object2", kFailure, false, "Unknown piType"},
+	    {"empty line", "", kFailure, false, "[OK] Info ()"},
+	    {"host fails", kCamera, kFailure, true, kNone, [](Host& h, FakeDevice&) { h.callbackResult = 1; }},
+	    {"host makes none", kCamera, kFailure, false, kNone, [](Host& h, FakeDevice&) { h.leavesNull = true; }},
+	    {"no host", kCamera, kFailure, false, kNone,
+	        [](Host& h, FakeDevice&) { h.manager.SetUserCallBack(nullptr, nullptr); }},
+	    {"plug-in refuses, object stays", kCamera, kFailure, true, "pi does not accept",
+	        [](Host&, FakeDevice& d) { d.results[qorSIO_OBJ_ATTACH] = 7; }},
+	    {"no description, ignored", kCamera, 0, false, "qorSIO_CB_PI_CREATE_OBJECT (context=",
+	        [](Host&, FakeDevice& d) { d.results[qorSIO_OBJ_INFORMATION] = 1; }},
 	};
 	for (const auto& c : cases) {
 		SCOPED_TRACE(c.name);
@@ -128,70 +124,40 @@ TEST(PlugInManager, MakesTheObjectOfTheType) {
 		LogLines log;
 		FakeDevice device;
 		device.info = c.info;
-		EXPECT_EQ(host.offer(device), c.result);
+		c.hurdle(host, device);
+		EXPECT_EQ(offer(&host.manager, host.hostile, device), c.result);
 		EXPECT_TRUE(log.has(c.logged));
-		EXPECT_EQ(host.calls, c.made == byHost);
-		if (c.made != byHost) continue;
-		EXPECT_EQ(host.seenInfo, c.info);
-		EXPECT_EQ(host.seenFile.rfind("hostile.", 0), 0u);
+		EXPECT_EQ(host.object != nullptr, c.made);
+		EXPECT_EQ(host.seenInfo, c.made ? c.info : "");
+		EXPECT_EQ(host.seenFile.rfind("hostile.", 0) == 0, c.made);
 	}
-}
-
-TEST(PlugInManager, RefusesWhatHostOrPlugInRefuse) {
-	Host host;
-	LogLines log;
-	FakeDevice device;
-	device.info = "!siotype,CqorSIO_VideoCap";
-	host.callbackResult = 1;
-	EXPECT_EQ(host.offer(device), kFailure);
-	host.callbackResult = 0;
-	host.leavesNull = true;
-	EXPECT_EQ(host.offer(device), kFailure);
-	host.leavesNull = false;
-	device.attachResult = 7;
-	EXPECT_EQ(host.offer(device), kFailure);
-	EXPECT_TRUE(log.has("pi does not accept"));
-	EXPECT_NE(host.object, nullptr) << "not deleted";
-	device.infoResult = 1;
-	EXPECT_EQ(host.offer(device), 0) << "no description: ignored silently";
-	device.infoResult = 0;
-	host.manager.SetUserCallBack(nullptr, nullptr);
-	EXPECT_EQ(host.offer(device), kFailure);
-	EXPECT_TRUE(log.has("No interpreter for the class (CqorSIO_VideoCap)"));
 }
 
 TEST(PlugInManager, AnswersUnknownAndDeadCallers) {
 	FakeDevice device;
-	auto* function = reinterpret_cast<void*>(&FakeDevice::function);
 	auto host = std::make_unique<Host>();
-	auto* manager = &host->manager;
-	auto* plugIn = host->plugIn("hostile");
-	EXPECT_EQ(CqorSIO_PIManager::_manCB(nullptr, plugIn, 10010, 0, 0, &device, function), kFailure);
-	EXPECT_EQ(CqorSIO_PIManager::_manCB(manager, &device, 10010, 0, 0, &device, function), kFailure);
-	EXPECT_EQ(CqorSIO_PIManager::_manCB(manager, nullptr, 10010, 0, 0, &device, function), kFailure);
+	void* const manager = &host->manager;
+	void* const hostile = host->hostile;
+	EXPECT_EQ(offer(nullptr, hostile, device), kFailure);
+	EXPECT_EQ(offer(manager, &device, device), kFailure);
+	EXPECT_EQ(offer(manager, nullptr, device), kFailure);
 	host.reset();
-	EXPECT_EQ(CqorSIO_PIManager::_manCB(manager, plugIn, 10010, 0, 0, &device, function), kFailure);
+	EXPECT_EQ(offer(manager, hostile, device), kFailure);
 }
 
 TEST(PlugInManager, TakesCallsOfManyThreadsUntilItsDestruction) {
 	auto host = std::make_unique<Host>();
 	host->leavesNull = true;
-	auto* manager = &host->manager;
-	auto* plugIn = host->plugIn("hostile");
-	auto& calls = host->calls;
 	std::atomic<bool> done{false};
 	std::vector<std::thread> threads;
 	for (int i = 0; i < 3; ++i) {
-		threads.emplace_back([&] {
+		threads.emplace_back([&done, manager = &host->manager, hostile = host->hostile] {
 			FakeDevice device;
 			device.info = "!siotype,CqorSIO_TimeCap";
-			while (!done)
-				EXPECT_EQ(CqorSIO_PIManager::_manCB(manager, plugIn, qorSIO_CB_PI_CREATE_OBJECT, 0, 0, &device,
-				              reinterpret_cast<void*>(&FakeDevice::function)),
-				    kFailure);
+			while (!done) EXPECT_EQ(offer(manager, hostile, device), kFailure);
 		});
 	}
-	EXPECT_TRUE(eventually([&] { return calls > 20; }));
+	EXPECT_TRUE(eventually([&] { return host->calls > 20; }));
 	host->manager.Create(QOR_BAD_PLUGINS, 0); // the list grows meanwhile
 	EXPECT_EQ(host->manager.mPIList.GetCount(), 4);
 	host.reset();

@@ -1,15 +1,11 @@
 #include "test_support.h"
 
+#include <array>
 #include <tuple>
 
 namespace {
 
-struct Event {
-	unsigned long code, a, b;
-	void* p1;
-	void* p2;
-	bool operator==(const Event&) const = default;
-};
+using Event = std::tuple<unsigned long, unsigned long, unsigned long, void*, void*>;
 
 /// A camera bound to a played device; remembers what the host callback receives.
 struct Camera : CqorSIO_VideoCap {
@@ -33,27 +29,23 @@ struct Camera : CqorSIO_VideoCap {
 			++self.asked;
 			if (self.acknowledges) *static_cast<int*>(p1) = 1;
 		}
-		self.events.push_back({code, a, b, p1, p2});
+		self.events.emplace_back(code, a, b, p1, p2);
 		return 5;
 	}
 	int event(unsigned long code, unsigned long a = 0, unsigned long b = 0, void* p1 = nullptr, void* p2 = nullptr) {
 		return _piObjCB(static_cast<CqorSIO_Object*>(this), code, a, b, p1, p2);
 	}
-	unsigned state() {
-		return static_cast<unsigned>(isOnline() << 1 | isOpen() << 2 | isPrepared() << 3 | isAcquiring() << 4 |
-		                             isRecording() << 5 | isReading() << 6 | isPreview() << 7);
+	int state() {
+		return isOnline() << 1 | isOpen() << 2 | isPrepared() << 3 | isAcquiring() << 4 | isRecording() << 5 |
+		       isReading() << 6 | isPreview() << 7;
 	}
-	std::string lastCommand() { return device.commands.empty() ? "" : device.commands.back(); }
 };
 
 } // namespace
 
 TEST(VideoCapture, OperationsAndState) {
-	static const struct {
-		int (*call)(Camera&);
-		const char* command;
-		unsigned state; // after success, from the state of the row before
-	} cases[] = {
+	// The command sent, and the state after success, from the state of the row before.
+	static const std::tuple<int (*)(Camera&), const char*, int> cases[] = {
 	    {[](Camera& c) { return c.cmdOpen(); }, "open,", 4},
 	    {[](Camera& c) { return c.cmdAllocInternalBuffers(12); }, "allocbuffers,12", 4},
 	    {[](Camera& c) { return c.cmdPrepare(); }, "prepare,", 4 + 8},
@@ -63,43 +55,41 @@ TEST(VideoCapture, OperationsAndState) {
 	    {[](Camera& c) { return c.cmdPreview(1); }, nullptr, 4 + 8 + 16 + 32 + 64 + 128},
 	    {[](Camera& c) { return c.cmdRecord(0); }, nullptr, 4 + 8 + 16 + 64 + 128},
 	    {[](Camera& c) { return c.cmdPrepare(); }, "prepare,", 4 + 8 + 128},
+	    {[](Camera& c) { return c.cmdRecord(1) | c.cmdStartRead(); }, nullptr, 4 + 8 + 32 + 64 + 128},
 	    {[](Camera& c) { return c.cmdStop(); }, "stop,", 4 + 128},
 	    {[](Camera& c) { return c.cmdReleaseInternalBuffers(); }, "releasebuffers,", 4 + 128},
 	    {[](Camera& c) { return c.cmdPreview(0); }, nullptr, 4},
 	    {[](Camera& c) { return c.cmdClose(); }, "close,", 0},
 	};
 	Camera camera;
-	for (const auto& c : cases) {
-		SCOPED_TRACE(c.command ? c.command : "bookkeeping");
-		const auto before = camera.state();
-		if (c.command) {
-			camera.device.status = 9;
-			EXPECT_EQ(c.call(camera), 9);
-			EXPECT_EQ(camera.state(), before) << "a failed operation changes nothing";
-		}
-		camera.device.status = 0;
+	for (const auto& [call, command, state] : cases) {
+		SCOPED_TRACE(command ? command : "bookkeeping");
 		camera.device.commands.clear();
-		EXPECT_EQ(c.call(camera), 0);
-		EXPECT_EQ(camera.lastCommand(), c.command ? c.command : "");
-		EXPECT_EQ(camera.state(), c.state);
+		const int before = camera.state();
+		camera.device.status = 9;
+		EXPECT_TRUE(!command || call(camera) == 9);
+		EXPECT_EQ(camera.state(), before) << "a failed operation changes nothing";
+		camera.device.status = 0;
+		EXPECT_EQ(call(camera), 0);
+		EXPECT_EQ(camera.device.commands, std::vector<std::string>(command ? 2 : 0, command ? command : ""));
+		EXPECT_EQ(camera.state(), state);
 	}
 }
 
 TEST(VideoCapture, PropertiesAndTheirKeys) {
 	Camera c;
-	const auto list = [](auto... values) { return std::vector<double>{static_cast<double>(values)...}; };
-	const auto getAll = [&] {
+	const auto getAll = [&c] {
+		const auto list = [](auto... values) { return std::vector<double>{static_cast<double>(values)...}; };
 		return list(c.getMaxWidth(), c.getMaxHeight(), c.getWidth(), c.getHeight(), c.getX(), c.getY(), c.getExposure(),
 		    c.getMinExposure(), c.getMaxExposure(), c.getGain(), c.getMinGain(), c.getMaxGain(), c.getFrameRate(),
 		    c.getMinFrameRate(), c.getMaxFrameRate(), c.getFrameByteSize(), c.gige_getPacketSize(),
 		    c.genICam_GetInt32("F"), c.genICam_GetFloat32("F"));
 	};
 	EXPECT_EQ(getAll(), std::vector<double>(19)) << "failed gets";
-	const char* keys[] = {"!maxwidth", "!maxheight", "!width", "!height", "!x", "!y", "!exposure", "!minexposure",
-	    "!maxexposure", "!gain", "!mingain", "!maxgain", "!framerate", "!minframerate", "!maxframerate",
-	    "!framebytesize", "!gige_packet_size", "!genicam:int32:F", "!genicam:float32:F"};
 	std::vector<double> expected;
-	for (const char* key : keys) {
+	for (const char* key : {"!maxwidth", "!maxheight", "!width", "!height", "!x", "!y", "!exposure", "!minexposure",
+	         "!maxexposure", "!gain", "!mingain", "!maxgain", "!framerate", "!minframerate", "!maxframerate",
+	         "!framebytesize", "!gige_packet_size", "!genicam:int32:F", "!genicam:float32:F"}) {
 		expected.push_back(static_cast<double>(expected.size()) + 7);
 		c.device.values[key] = std::to_string(expected.size() + 6);
 	}
@@ -118,13 +108,10 @@ TEST(VideoCapture, PropertiesAndTheirKeys) {
 	EXPECT_EQ(c.device.commands, sent);
 
 	c.device.values = {{"!pixformat", "Mono8"}, {"!genicam:str:F", "\"a, b\""}};
-	char text[kQorSioValueSize] = "old";
-	EXPECT_EQ(c.getPixFormatConversion(text), kFailure);
-	EXPECT_STREQ(text, "");
-	EXPECT_EQ(c.getPixFormat(text), 0);
-	EXPECT_STREQ(text, "Mono8");
-	EXPECT_EQ(c.genICam_GetString("F", text), 0);
-	EXPECT_STREQ(text, "a, b");
+	char text[3][kQorSioValueSize] = {"old"};
+	EXPECT_EQ(c.getPixFormatConversion(text[0]), kFailure);
+	EXPECT_EQ(c.getPixFormat(text[1]) | c.genICam_GetString("F", text[2]), 0);
+	EXPECT_EQ((std::vector<std::string>{text[0], text[1], text[2]}), (std::vector<std::string>{"", "Mono8", "a, b"}));
 }
 
 TEST(VideoCapture, EventsReachTheHost) {
@@ -141,8 +128,7 @@ TEST(VideoCapture, EventsReachTheHost) {
 	camera.event(40110, 3);
 	EXPECT_FALSE(camera.isOnline());
 	camera.event(40200, 4, 5, words, &camera);
-	EXPECT_EQ(camera.event(40120), 0) << "not for plug-ins";
-	EXPECT_EQ(camera.event(1), 0);
+	EXPECT_EQ(camera.event(40120) | camera.event(1), 0) << "ignored";
 	const std::vector<Event> expected = {{40010, 8, 0, words, nullptr}, {40011, 1, 0, nullptr, nullptr},
 	    {40011, 2, 0, nullptr, nullptr}, {40101, 0, 0, nullptr, nullptr}, {40110, 3, 0, nullptr, nullptr},
 	    {40200, 4, 5, words, &camera}};
@@ -160,6 +146,7 @@ TEST(VideoCapture, ReadsTheDeviceStringsWhenItConnects) {
 	    {"!vendorinfo", "not a camera's"}};
 	camera.event(40100);
 	EXPECT_TRUE(camera.isOnline());
+	EXPECT_EQ(camera.events, (std::vector<Event>{{40100, 0, 0, nullptr, nullptr}}));
 	const std::vector<std::string> read = {camera.getVendorName(), camera.getModelName(), camera.getManufacturerInfo(),
 	    camera.getVersion(), camera.getFirmwareVersion(), camera.GetDeviceID()};
 	EXPECT_EQ(read, (std::vector<std::string>{"V", std::string(127, 'm'), "I, J", "1", "2", "D%s"}));
@@ -170,8 +157,8 @@ TEST(VideoCapture, TheFifthFrameForgetsTheStartUp) {
 	ASSERT_EQ(camera.SetIntervalRingSize(4), 0);
 	EXPECT_EQ(camera.SetIntervalRingSize(-1), kFailure);
 	qorSIO_INTERVAL_STATISTICS statistics;
-	uint32_t words[14] = {};
 	const auto countAfter = [&](int frames) {
+		uint32_t words[14] = {};
 		for (int i = 0; i < frames; ++i) camera.event(40010, 0, 0, words);
 		camera.GetIntervalStatistics(&statistics);
 		return statistics.mCount;
@@ -180,12 +167,10 @@ TEST(VideoCapture, TheFifthFrameForgetsTheStartUp) {
 	EXPECT_EQ(countAfter(2), 0);
 	EXPECT_EQ(countAfter(3), 3);
 	EXPECT_EQ(countAfter(8), 4) << "a ring, cleared once only";
-	EXPECT_GE(statistics.mMaximum, statistics.mMean);
-	EXPECT_GE(statistics.mMean, statistics.mMinimum);
+	EXPECT_TRUE(statistics.mMinimum <= statistics.mMean && statistics.mMean <= statistics.mMaximum);
 	EXPECT_LT(statistics.mMaximum, 5.0) << "the interval before the first frame is not among them";
 	EXPECT_EQ(camera.cmdStart(), 0);
 	EXPECT_EQ(countAfter(5), 0) << "started anew";
-	EXPECT_EQ(camera.GetFrameCount(), 21);
 }
 
 TEST(VideoCapture, FrameInformationGoesRound) {
@@ -196,13 +181,16 @@ TEST(VideoCapture, FrameInformationGoesRound) {
 	first->mByteSize = first->mFrameNumber = 5;
 	EXPECT_EQ(camera.GetFreeFrameInfoPtr(), first + 1);
 	EXPECT_EQ(camera.GetFreeFrameInfoPtr(), first);
-	EXPECT_EQ(first->mByteSize, 0u);
-	EXPECT_EQ(first->mFrameNumber, 5u);
-	camera.device.result = 1;
-	EXPECT_EQ(camera.cmdOpen(), kFailure);
-	EXPECT_EQ(first->mFrameNumber, 0u) << "cleared also when the open fails";
-	EXPECT_EQ(camera.GetFreeFrameInfoPtr(), first);
-	camera.device.result = 0;
+	EXPECT_TRUE(first->mByteSize == 0 && first->mFrameNumber == 5);
+	camera.device.results[qorSIO_OBJ_COMMAND] = 1;
+	for (const auto clear :
+	    {+[](Camera& c) { return c.cmdOpen(); }, +[](Camera& c) { return c.cmdAllocInternalBuffers(2); }}) {
+		first->mFrameNumber = 5;
+		EXPECT_EQ(clear(camera), kFailure);
+		EXPECT_EQ(first->mFrameNumber, 0u) << "cleared also by a failure";
+		EXPECT_EQ(camera.GetFreeFrameInfoPtr(), first);
+	}
+	camera.device.results.clear();
 	camera.cmdStart();
 	EXPECT_EQ(camera.SetFrameInfoRingSize(3), kFailure);
 }
@@ -212,23 +200,19 @@ TEST(VideoCapture, GeometryWaitsForTheHost) {
 	LogLines log;
 	camera.acknowledges = false;
 	std::thread host([&] { camera.acknowledges = eventually([&] { return camera.asked > 3; }); });
-	camera.device.onCommand = [&](const std::string&) {
-		EXPECT_TRUE(camera.isGeometryChanging());
-		EXPECT_TRUE(camera.acknowledges);
-	};
+	camera.device.onCommand = [&] { EXPECT_TRUE(camera.isGeometryChanging() && camera.acknowledges); };
 	EXPECT_EQ(camera.setROI(1, 2, 3, 4), 0);
 	host.join();
 	EXPECT_FALSE(camera.isGeometryChanging());
-	EXPECT_TRUE(log.has("[BEGIN] [CqorSIO_VideoCap] "));
-	EXPECT_TRUE(log.has(": setROI(1,2,3,4)"));
+	EXPECT_TRUE(log.has("[BEGIN] [CqorSIO_VideoCap] ") && log.has(": setROI(1,2,3,4)"));
 	EXPECT_FALSE(log.has("TIMEOUT!!!"));
-	camera.device.answer = [](const std::string&) { return "!roi,17"; };
+	camera.device.reply = "!roi,17";
 	EXPECT_EQ(camera.setROI(1, 2, 3, 4), 17);
 	EXPECT_EQ(camera.setROIex(1, 2, 3, 4, 5, 6), kFailure) << "no key in the reply";
+	camera.device.results[qorSIO_OBJ_COMMAND] = 1;
 	EXPECT_EQ(camera.setWidth(64), kFailure);
-	camera.device.result = 1;
-	EXPECT_EQ(camera.setROIex(1, 2, 3, 4, 5, 6), 0) << "told by the log alone";
-	EXPECT_TRUE(log.has("setROIEX(1,2,3,4,5,6) - P2"));
+	EXPECT_EQ(camera.setROI(1, 2, 3, 4) | camera.setROIex(1, 2, 3, 4, 5, 6), 0) << "told by the log alone";
+	EXPECT_TRUE(log.has("setROI(1,2,3,4) - P2") && log.has("setROIEX(1,2,3,4,5,6) - P2"));
 	EXPECT_FALSE(camera.isGeometryChanging());
 }
 
@@ -238,36 +222,30 @@ TEST(VideoCapture, GeometryChangesWithoutTheHostInTheEnd) {
 	camera.acknowledges = false;
 	const auto begin = std::chrono::steady_clock::now();
 	EXPECT_EQ(camera.setWidth(64), 0);
-	const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-	EXPECT_GE(seconds, 2.9);
-	EXPECT_LT(seconds, 6.0);
+	EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2900));
 	EXPECT_TRUE(log.has("TIMEOUT!!!"));
-	EXPECT_EQ(camera.lastCommand(), "set,!width,64");
+	EXPECT_EQ(camera.device.commands, std::vector<std::string>{"set,!width,64"});
 }
 
 TEST(TimeCapture, SplitsTheTime) {
-	static const struct {
-		const char* value;
-		int result;
-		eqorSIO_TIME time;
-	} cases[] = {
+	using Parts = std::array<double, 7>;
+	static const std::tuple<const char*, int, Parts> cases[] = {
 	    {"2026/11/21/13/45/59999/1.5", 0, {2026, 11, 21, 13, 45, 59999, 1.5}},
-	    {"1/2/3/4", 0, {1, 2, 3, 4, 0, 0, 0}},
+	    {"1/2/3/4", 0, {1, 2, 3, 4}},
 	    {"/2//x/5/6/7e2/8", 0, {0, 2, 0, 0, 5, 6, 700}},
-	    {"65537/0/0/257", 0, {1, 0, 0, 1, 0, 0, 0}},
+	    {"65537/0/0/257", 0, {1, 0, 0, 1}},
 	    {"", kFailure, {}},
 	};
-	const auto tied = [](const eqorSIO_TIME& t) {
-		return std::tuple(t.mPart1, t.mPart2, t.mPart3, t.mPart4, t.mPart5, t.mPart6, t.mPart7);
-	};
-	for (const auto& c : cases) {
+	for (const auto& [value, result, parts] : cases) {
 		FakeDevice device;
-		device.values["!time"] = c.value;
+		device.values["!time"] = value;
 		CqorSIO_TimeCap clock;
 		clock.piAccept(&device, &FakeDevice::function);
-		eqorSIO_TIME time = {9, 9, 9, 9, 9, 9, 9};
-		EXPECT_EQ(clock.getTime(&time), c.result) << c.value;
-		EXPECT_EQ(tied(time), tied(c.time)) << c.value;
+		eqorSIO_TIME t = {9, 9, 9, 9, 9, 9, 9};
+		EXPECT_EQ(clock.getTime(&t), result) << value;
+		const Parts read = {
+		    1. * t.mPart1, 1. * t.mPart2, 1. * t.mPart3, 1. * t.mPart4, 1. * t.mPart5, 1. * t.mPart6, t.mPart7};
+		EXPECT_EQ(read, parts) << value;
 	}
 }
 
@@ -277,20 +255,15 @@ TEST(TimeCapture, CountsEventsAndTheirRate) {
 	CqorSIO_TimeCap clock;
 	clock.piAccept(&device, &FakeDevice::function);
 	int calls = 0;
-	clock.SetUserCallBack(
-	    [](void* context, CqorSIO_TimeCap*, unsigned long code, unsigned long, unsigned long, void*, void*) {
-		    EXPECT_EQ(code, 40100u);
-		    return ++*static_cast<int*>(context);
-	    },
+	clock.SetUserCallBack([](void* context, CqorSIO_TimeCap*, unsigned long code, unsigned long, unsigned long, void*,
+	                          void*) { return *static_cast<int*>(context) += static_cast<int>(code); },
 	    &calls);
 	for (const unsigned long code : {40010, 40010, 40100, 40110, 40200, 40010})
 		EXPECT_EQ(clock.OnObjectCB(code, 0, 0, nullptr, nullptr), 0);
-	EXPECT_EQ(calls, 1);
+	EXPECT_EQ(calls, 40100) << "one call, for that code";
 	EXPECT_TRUE(clock.isOnline()) << "a timing device ignores 40110";
 	EXPECT_STREQ(clock.getVendorInfo(), "V");
 	clock.CountHostEvents(30);
-	clock.updatePerfCounters();
-	EXPECT_EQ(clock.GetEventRate(), 0) << "not before a second has passed";
 	EXPECT_TRUE(eventually([&] { return clock.updatePerfCounters(), clock.GetEventRate() > 0; }));
 	EXPECT_NEAR(clock.GetHostEventRate() / clock.GetEventRate(), 10, 0.001);
 	EXPECT_EQ(clock.cmdOpen() | clock.cmdPrepare() | clock.cmdStart(), 0);

@@ -78,6 +78,11 @@ protected:
 		}
 		return static_cast<int>(mFed.size() - before);
 	}
+	static emsSTORAGE_COUNTERS countersOf(auto& storageOrSession) {
+		emsSTORAGE_COUNTERS counters;
+		storageOrSession.GetCounters(&counters);
+		return counters;
+	}
 	void startAnew() {
 		mStorage.Destroy();
 		for (const char* name : {"list", "index", "data", "list.damaged"}) fs::remove(path(name));

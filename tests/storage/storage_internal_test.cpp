@@ -3,6 +3,8 @@
 
 #include "qor/platform/faults.h"
 
+#include <tuple>
+
 using namespace storage_test;
 using test_support::FaultyFileSystem;
 using Call = FaultyFileSystem::Call;
@@ -14,7 +16,7 @@ protected:
 	/// What a host does, whatever fails under way. @return frames that Feed took.
 	int recordEight() {
 		create(mStorage, 5);
-		CmsSession* session = begin(mStorage, 5000, 3, 4);
+		CmsSession* session = begin(mStorage);
 		const int taken = session ? feed(*session, 0, 8) : 0;
 		if (session) session->FreeResources();
 		return taken;
@@ -41,8 +43,7 @@ protected:
 		return whole;
 	}
 	unsigned long long troubles() const {
-		emsSTORAGE_COUNTERS c;
-		mStorage.GetCounters(&c);
+		const auto c = countersOf(mStorage);
 		return c.mRefusedFrames + c.mLostFrames + c.mShortWrites + c.mFailedIndexWrites + c.mFailedListSaves;
 	}
 };
@@ -89,7 +90,7 @@ TEST_F(StorageFaults, EveryAllocationThreadAndWaitObjectFailingOnceIsReported) {
 TEST_F(StorageFaults, ShortWriteMarksTheLostFramesAndKeepsTheOthers) {
 	FaultyFileSystem faulty;
 	create(mStorage, 5);
-	CmsSession& session = *begin(mStorage, 5000, 3, 4);
+	CmsSession& session = *begin(mStorage);
 	ASSERT_EQ(feed(session, 0, 4), 4);
 	mStorage.WaitUntilWritten();
 	faulty.tearWrite(2, 8192 + 4096); // behind the index records: one frame and a half
@@ -98,10 +99,7 @@ TEST_F(StorageFaults, ShortWriteMarksTheLostFramesAndKeepsTheOthers) {
 	EXPECT_TRUE(hasLogged("[ERROR] Write (12288 of 32768)"));
 	for (int i = 0; i < 10; ++i) EXPECT_EQ(isThere(session, i, i), i < 5 || i > 7) << i;
 	EXPECT_EQ(session.LoadRawFrameChecked(&faulty, 6, nullptr), kFrameLost);
-	emsSTORAGE_COUNTERS counters;
-	session.GetCounters(&counters);
-	EXPECT_EQ(counters.mShortWrites, 1u);
-	EXPECT_EQ(counters.mLostFrames, 3u);
+	EXPECT_TRUE(countersOf(session).mShortWrites == 1 && countersOf(session).mLostFrames == 3);
 	EXPECT_EQ(mStorage.GetSessionList().GetMaxStoragePos(), 4194304 + 10 * 8192);
 	EXPECT_EQ(checkAfterwards(), 7);
 }
@@ -109,7 +107,7 @@ TEST_F(StorageFaults, ShortWriteMarksTheLostFramesAndKeepsTheOthers) {
 TEST_F(StorageFaults, LostIndexRecordsCloseTheSession) {
 	FaultyFileSystem faulty;
 	create(mStorage, 5);
-	CmsSession& session = *begin(mStorage, 5000, 3, 4);
+	CmsSession& session = *begin(mStorage);
 	ASSERT_EQ(feed(session, 0, 4), 4);
 	mStorage.WaitUntilWritten();
 	faulty.fail(Call::flush, 1, 5, true);
@@ -118,23 +116,7 @@ TEST_F(StorageFaults, LostIndexRecordsCloseTheSession) {
 	faulty.reset();
 	EXPECT_EQ(feed(session, 8, 3), 0);
 	session.StopRecord();
-	emsSTORAGE_COUNTERS counters;
-	mStorage.GetCounters(&counters);
-	EXPECT_EQ(counters.mLostFrames, 4u);
-	EXPECT_EQ(counters.mRefusedFrames, 3u);
-	EXPECT_EQ(checkAfterwards(), 4);
-}
-
-TEST_F(StorageFaults, UnsavedListIsSavedAtTheEnd) {
-	FaultyFileSystem faulty;
-	create(mStorage, 5);
-	CmsSession& session = *begin(mStorage, 5000, 3, 4);
-	faulty.fail(Call::replace, 1);
-	ASSERT_EQ(feed(session, 0, 4), 4);
-	mStorage.WaitUntilWritten();
-	EXPECT_EQ(mStorage.GetSessionList().GetFailedSaves(), 1u);
-	EXPECT_EQ(readFile(path("list")).size(), 4u);
-	session.StopRecord();
+	EXPECT_TRUE(countersOf(mStorage).mLostFrames == 4 && countersOf(mStorage).mRefusedFrames == 3);
 	EXPECT_EQ(checkAfterwards(), 4);
 }
 
@@ -145,9 +127,27 @@ TEST_F(StorageFaults, FullDiskLeavesNoPartOfATarget) {
 	EXPECT_TRUE(hasLogged("of 8388608 bytes (err=112)"));
 	EXPECT_EQ(mStorage.GetTotalSpace(), 0);
 	EXPECT_FALSE(fs::exists(path("data")));
-	faulty.reset();
-	create(mStorage, 8);
-	EXPECT_EQ(mStorage.GetTotalSpace(), 8 << 20);
+}
+
+TEST_F(StorageFaults, WhatMayNotBeWrittenIsReported) {
+	FaultyFileSystem faulty;
+	using Denied = std::tuple<const char*, int, const char*>; // file, frames taken, line logged
+	const Denied cases[] = {{"data.creating", 0, "data) ... 0 of 5242880 bytes (err=5)"},
+	    {"list.saving", 0, "list cannot be saved (err=5)"},
+	    {"index.creating", 0, "CREATING FILE... 0 of 30720 bytes (err=5)"}, {"data", 0, "[ERROR] Open DATA FILE"},
+	    {"index", 0, "index) (err=5)"}, {"list", 8, "list cannot be saved (err=5)"}};
+	for (const auto& [file, taken, line] : cases) {
+		SCOPED_TRACE(file);
+		startAnew();
+		if (!std::strchr(file, '.')) create(mStorage, 5); // a folder that takes no new files, or files that are there
+		faulty.makeReadOnly(mFolder.path() + "/" + file);
+		EXPECT_EQ(recordEight(), taken);
+		EXPECT_TRUE(hasLogged(line));
+		EXPECT_EQ(mStorage.IsReady(), taken != 0);
+		EXPECT_EQ(countersOf(mStorage).mFailedListSaves > 0, taken != 0 || std::string(file) == "list.saving");
+		faulty.reset();
+		EXPECT_EQ(checkAfterwards(), taken);
+	}
 }
 
 } // namespace

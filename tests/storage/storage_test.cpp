@@ -8,9 +8,8 @@ namespace {
 
 TEST_F(StorageTest, FramesComeBackAfterReopeningAndFilesHaveTheirLayout) {
 	create(mStorage);
-	ASSERT_TRUE(mStorage.IsReady());
 	CmsSession* session = begin(mStorage);
-	ASSERT_TRUE(session);
+	ASSERT_TRUE(mStorage.IsReady() && session);
 	session->mSession.mFlags = 0x21;
 	EXPECT_EQ(feed(*session, 0, 10), 10); // the last two stay in a part of a buffer
 	EXPECT_EQ(session->StopRecord(), 0);
@@ -27,8 +26,7 @@ TEST_F(StorageTest, FramesComeBackAfterReopeningAndFilesHaveTheirLayout) {
 	emsSTORAGE_INDEX index;
 	ASSERT_EQ(again.GetIndexList().GetIndexFromFile(&index, &loaded, 9), 0);
 	EXPECT_EQ(index.mStoragePos, 4194304 + 9 * 8192);
-	EXPECT_EQ(index.mFrameSize, 5000u);
-	EXPECT_EQ(index.mFlags & 0xFF, 0x21u);
+	EXPECT_TRUE(index.mFrameSize == 5000 && (index.mFlags & 0xFF) == 0x21);
 	EXPECT_EQ(again.GetIndexList().GetIndexFromFile(&index, &loaded, 10), 0x10000000);
 
 	const std::string list = readFile(path("list"));
@@ -82,10 +80,8 @@ TEST_F(StorageTest, FeedTakesIgnoresAndRefuses) {
 	const auto frame = pattern(100, 1);
 	EXPECT_EQ(session.Feed(frame.data()), 0x10000000);
 	EXPECT_TRUE(hasLogged("PASS1/mBuffer.GetCount()"));
-	for (const auto& [buffers, frames] : {std::pair{1, 10}, {10, 1}, {2, 0x7FFFFFFF}}) {
-		EXPECT_EQ(session.AllocResources(buffers, frames), 0x10000000);
-		EXPECT_EQ(session.GetBufferCount(), 0);
-	}
+	for (const auto& [buffers, frames] : {std::pair{1, 10}, {10, 1}, {2, 0x7FFFFFFF}})
+		EXPECT_TRUE(session.AllocResources(buffers, frames) == 0x10000000 && session.GetBufferCount() == 0);
 	ASSERT_EQ(session.AllocResources(2, 2), 0);
 	EXPECT_EQ(session.Feed(frame.data()), 0);
 	EXPECT_EQ(session.mSession.mFrameCount, 0u);
@@ -93,35 +89,33 @@ TEST_F(StorageTest, FeedTakesIgnoresAndRefuses) {
 	EXPECT_EQ(session.Feed(nullptr), 0x10000000);
 
 	mStorage.driveLock(); // the disk stands still
-	int results[5];
-	for (int& result : results) result = session.Feed(frame.data());
-	EXPECT_EQ(results[3], 0);
-	EXPECT_EQ(results[4], 0x10000000);
+	for (const int result : {0, 0, 0, 0, 0x10000000}) EXPECT_EQ(session.Feed(frame.data()), result);
 	EXPECT_TRUE(hasLogged("OVERFLOW"));
 	EXPECT_EQ(session.LoadRawFrameChecked(&record, 0, nullptr), kFrameNotWritten);
 	mStorage.driveUnlock();
 	mStorage.WaitUntilWritten();
 	EXPECT_EQ(feed(session, 1, 3), 2); // up to the maximum
 	session.StopRecord();
-	emsSTORAGE_COUNTERS counters;
-	mStorage.GetCounters(&counters);
-	EXPECT_EQ(counters.mOverflowFrames, 1u);
-	EXPECT_EQ(counters.mRefusedFrames, 1u);
+	EXPECT_TRUE(countersOf(mStorage).mOverflowFrames == 1 && countersOf(mStorage).mRefusedFrames == 1);
 	EXPECT_EQ(session.GetWrittenFrameCount(), 6u);
 }
 
 TEST_F(StorageTest, RunMarkerFlipsWithEveryChangeOfTheStateWord) {
 	create(mStorage);
 	CmsSession& session = *begin(mStorage, 10);
-	const bool expected[] = {true, true, true, false}; // changed, kept, off and on unseen, off seen
+	const bool expected[] = {true, true, true, false, false}; // changed, kept, off and on unseen, changed, off seen
 	feed(session, 0, 2);
 	session.SetRecording(false);
 	session.SetRecording(true);
 	feed(session, 2, 1);
 	session.mState |= 2;
 	feed(session, 3, 1);
+	session.SetRecording(false);
+	feed(session, 4, 1); // not recorded, and yet it flips the marker
+	session.SetRecording(true);
+	feed(session, 4, 1); // back again
 	session.StopRecord();
-	for (int i = 0; i < 4; ++i) {
+	for (int i = 0; i < 5; ++i) {
 		emsSTORAGE_INDEX index;
 		ASSERT_EQ(mStorage.GetIndexList().GetIndexFromFile(&index, &session, i), 0);
 		EXPECT_EQ((index.mFlags & kIndexRunMarker) != 0, expected[i]) << i;
@@ -132,9 +126,7 @@ TEST_F(StorageTest, MoreBuffersThanTheQueueHasEntriesAndTheEndWhileTheyWait) {
 	create(mStorage);
 	CmsSession& session = *begin(mStorage, 3000, 30, 2);
 	mStorage.driveLock();
-	int taken = 0;
-	for (int i = 0; i < 59; ++i) taken += session.Feed(pattern(3000, i).data()) == 0;
-	EXPECT_EQ(taken, 59);
+	for (int i = 0; i < 59; ++i) EXPECT_EQ(session.Feed(pattern(3000, i).data()), 0);
 	mStorage.driveUnlock();
 	create(mStorage); // ends the first use, with everything that is queued and the part of a buffer
 	CmsSession& loaded = *mStorage.GetSessionList().GetSession(0);
@@ -147,7 +139,6 @@ TEST_F(StorageTest, PositionsBeyondFourGigabytes) {
 	fs::resize_file(path("data"), 4200ll << 20);
 	writeFile(path("index"), "");
 	create(mStorage, 4200);
-	ASSERT_TRUE(mStorage.IsReady());
 	emsSTORAGE_SESSION record;
 	mStorage.CalculateSession(&record, 5000);
 	record.mStoragePos = (1ll << 32) - 8192;
@@ -162,8 +153,7 @@ TEST_F(StorageTest, PositionsBeyondFourGigabytes) {
 
 TEST_F(StorageTest, ListCutAtEveryByteLoadsWhatIsWhole) {
 	create(mStorage, 8);
-	CmsSession* session = begin(mStorage, 50);
-	feed(*session, 0, 4);
+	feed(*begin(mStorage, 50), 0, 4);
 	mStorage.Destroy();
 	const std::string list = readFile(path("list"));
 	CmsSessionList loader;
@@ -182,9 +172,7 @@ TEST_F(StorageTest, ListCutAtEveryByteLoadsWhatIsWhole) {
 
 TEST_F(StorageTest, RecordsAreCheckedBeforeTheyAreBelieved) {
 	create(mStorage, 8);
-	CmsSession* session = begin(mStorage, 50);
-	feed(*session, 0, 4);
-	session->StopRecord();
+	feed(*begin(mStorage, 50), 0, 4);
 	mStorage.Destroy();
 	const std::string list = readFile(path("list"));
 	using Damage = std::tuple<const char*, size_t, uint32_t, int>; // field, offset, value, sessions left
@@ -209,19 +197,17 @@ TEST_F(StorageTest, RecordsAreCheckedBeforeTheyAreBelieved) {
 }
 
 TEST_F(StorageTest, TargetsThatAreNotThereOrNotWhole) {
-	EXPECT_FALSE(mStorage.IsReady());
-	mStorage.Create(path("list").c_str(), path("index").c_str(), "\\\\.\\PhysicalDrive31", 8);
+	const auto openAt = [&](const std::string& list, const std::string& index, const std::string& data) {
+		mStorage.Create(list.c_str(), index.c_str(), data.c_str(), 8);
+		EXPECT_FALSE(mStorage.IsReady());
+		return mStorage.GetTotalSpace();
+	};
+	EXPECT_EQ(openAt(path("list"), path("index"), "\\\\.\\PhysicalDrive31"), 0);
 	EXPECT_TRUE(hasLogged("[ERROR] CANNOT OPEN Drive (\\\\.\\PhysicalDrive31)"));
-	EXPECT_EQ(mStorage.GetTotalSpace(), 0);
-	EXPECT_FALSE(mStorage.IsReady());
-	mStorage.Create(path("no/list").c_str(), path("no/index").c_str(), path("no/data").c_str(), 8);
+	EXPECT_EQ(openAt(path("no/list"), path("no/index"), path("no/data")), 0);
 	EXPECT_TRUE(hasLogged("[ERROR] Open DATA FILE"));
-	EXPECT_FALSE(mStorage.IsReady());
-	mStorage.Create(path("no/list").c_str(), path("index").c_str(), path("data").c_str(), 8);
-	EXPECT_EQ(mStorage.GetTotalSpace(), 8 << 20);
-	EXPECT_FALSE(mStorage.IsReady());
-	CmsSession* session = begin(mStorage, 10);
-	EXPECT_EQ(feed(*session, 0, 1), 0); // nothing could be found again
+	EXPECT_EQ(openAt(path("no/list"), path("index"), path("data")), 8 << 20);
+	EXPECT_EQ(feed(*begin(mStorage, 10), 0, 1), 0); // nothing could be found again
 
 	mStorage.Destroy();
 	fs::resize_file(path("data"), (6 << 20) + 100);
@@ -237,8 +223,6 @@ TEST_F(StorageTest, SmallFileSystemFills) {
 	create(mStorage, 16);
 	EXPECT_TRUE(hasLogged("[ERROR] CREATING ("));
 	EXPECT_EQ(std::distance(fs::directory_iterator(mFolder.path()), {}), 1); // the list alone
-	create(mStorage, 8);
-	EXPECT_TRUE(mStorage.IsReady());
 	mStorage.Destroy();
 	EXPECT_EQ(std::system(("umount " + mFolder.path()).c_str()), 0);
 }
@@ -249,15 +233,13 @@ TEST_F(StorageTest, DiskImageHasItsTableAndTakesARecording) {
 		GTEST_SKIP() << "no disk image here: run by the test disk_images, on Linux";
 	mStorage.Create(path("list").c_str(), path("index").c_str(), "\\\\.\\PhysicalDrive0", 0);
 	const CqorDiskUtil_Drive* drive = mStorage.GetDriveList().GetDrive(0);
-	ASSERT_TRUE(drive);
-	EXPECT_EQ(drive->GetTotalSize(), 64 << 20);
-	ASSERT_EQ(drive->GetPartitionCount(), 2);
+	ASSERT_TRUE(drive && drive->GetPartitionCount() == 2);
 	EXPECT_EQ(drive->GetPartition(0)->mStartingOffset, 1 << 20);
 	EXPECT_EQ(drive->GetPartition(1)->mLength, 20 << 20);
 	EXPECT_EQ(drive->GetPartition(1)->mPartitionType, 0x83);
 	EXPECT_TRUE(hasLogged("[OK] Drive (\\\\.\\PhysicalDrive0) Open and Ready"));
 	EXPECT_EQ(mStorage.GetTotalSpace(), 64 << 20);
-	CmsSession* session = begin(mStorage, 70000, 3, 4);
+	CmsSession* session = begin(mStorage, 70000);
 	ASSERT_TRUE(session);
 	EXPECT_EQ(feed(*session, 0, 30), 30);
 	session->StopRecord();

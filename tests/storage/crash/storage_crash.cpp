@@ -21,16 +21,14 @@ namespace {
 constexpr unsigned kFrameSize = 20000;
 constexpr int kDataMB = 24;
 
-CmsSession* beginSession(CmsStorage& storage) { return storage.IsReady() ? begin(storage, kFrameSize, 4, 3) : nullptr; }
-
 /// Sessions of varying length until killed; a full target starts again.
 int record(const std::string& folder) {
 	CmsStorage storage;
 	createIn(storage, folder, kDataMB);
 	for (unsigned run = 0;; ++run) {
 		if (storage.GetAvailableSpace() < (4 << 20)) storage.ResetAll();
-		CmsSession* session = beginSession(storage);
-		if (!session) return 2;
+		CmsSession* session = begin(storage, kFrameSize, 4, 3);
+		if (!storage.IsReady() || !session) return 2;
 		for (unsigned i = 0; i < 20 + run % 30; ++i) {
 			while (session->Feed(pattern(kFrameSize, i).data()) != 0) std::this_thread::yield();
 		}
@@ -42,9 +40,8 @@ int record(const std::string& folder) {
 int check(const std::string& folder) {
 	CmsStorage storage;
 	createIn(storage, folder, kDataMB);
-	const int sessions = storage.GetSessionList().GetCount();
 	int checked = 0;
-	for (int s = 0; s < sessions; ++s) {
+	for (int s = 0; s < storage.GetSessionList().GetCount(); ++s) {
 		CmsSession& session = *storage.GetSessionList().GetSession(s);
 		for (unsigned i = 0; i < session.mSession.mFrameCount; ++i, ++checked) {
 			if (isThere(session, i, i)) continue;
@@ -52,8 +49,9 @@ int check(const std::string& folder) {
 			return -1;
 		}
 	}
-	CmsSession* more = beginSession(storage);
-	const bool goesOn = more && (!more->mSession.mMaxFrameCount || more->Feed(pattern(kFrameSize, 0).data()) == 0);
+	CmsSession* more = begin(storage, kFrameSize, 4, 3);
+	const bool goesOn =
+	    storage.IsReady() && more && (!more->mSession.mMaxFrameCount || more->Feed(pattern(kFrameSize, 0).data()) == 0);
 	return goesOn && !fs::exists(folder + "/list.damaged") ? checked : -1;
 }
 
@@ -74,13 +72,10 @@ int main(int argc, char** argv) {
 		std::this_thread::sleep_for(std::chrono::microseconds(5000 + random() % 150000));
 		const bool killed = child.kill();
 		const int checked = check(folder.path());
-		if (!killed || checked < 0) {
-			std::printf("round %d: %s\n", round, killed ? "damage" : "the child ended by itself");
-			result = 1;
-		}
+		result = !killed || checked < 0;
+		if (result) std::printf("round %d: %s\n", round, killed ? "damage" : "the child ended by itself");
 		frames += std::max(checked, 0);
 	}
 	std::printf("%d kills, %lld frames checked\n", rounds, frames);
-	if (frames == 0) result = 1; // nothing was ever recorded: nothing was tested
-	return result;
+	return frames == 0 ? 1 : result; // nothing was ever recorded: nothing was tested
 }

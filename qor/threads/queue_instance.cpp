@@ -1,0 +1,291 @@
+#include "queue_instance.h"
+
+#include "../base/status.h"
+#include "../platform/clock.h"
+#include "../platform/wait.h"
+#include "message_queue_internal.h"
+#include "queue_signal_internal.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr int kMaximumSignals = 1000;
+constexpr uint32_t kWorkerWaitMs = 100;
+constexpr uint32_t kEndWaitMs = 5000;
+constexpr unsigned long kNoLimit = 0xFFFFFFFF;
+
+/// A worker without work looks on for a few microseconds before it sleeps: more often after
+/// looks that paid, less after looks in vain (the producer may need this very processor). A
+/// look is seldom, so that several messages come together and the producers are not held up.
+constexpr int kFewestLooks = 1;
+constexpr int kMostLooks = 8;
+
+double seconds() { return static_cast<double>(platform::counter()) / platform::counterFrequency(); }
+
+void copyData(uint8_t* block, const void* data, int length) {
+	if (data && length > 0) std::memcpy(block, data, std::min<size_t>(length, sizeof(eqor_QUEUE_ITEM::mData1)));
+}
+
+} // namespace
+
+Cqor_MQInstance::Cqor_MQInstance() = default;
+
+Cqor_MQInstance::~Cqor_MQInstance() { Destroy(); }
+
+int Cqor_MQInstance::Create(
+    Cqor_MQCallBack callback, int workerCount, int queueSize, int priority, int affinityMask, int autoStart) {
+	Destroy();
+	if (workerCount < 1) return kQorFailure;
+	mPriority = priority;
+	mAffinityMask = static_cast<uint32_t>(affinityMask);
+	mCallback = callback;
+	const bool ready = createSignal() && mQueue.Create(queueSize < 1 ? workerCount : queueSize) == kQorSuccess &&
+	                   createWorkers(workerCount) && (!autoStart || StartWorkers() == kQorSuccess);
+	if (ready) return kQorSuccess;
+	Destroy();
+	return kQorFailure;
+}
+
+bool Cqor_MQInstance::createSignal() {
+	mSemaphore = platform::createSemaphore(0, kMaximumSignals);
+	if (!mSemaphore) return false;
+	mSignal = new (std::nothrow) threads::QueueSignal(mSemaphore);
+	if (mSignal) return true;
+	platform::closeHandle(mSemaphore);
+	mSemaphore = nullptr;
+	return false;
+}
+
+bool Cqor_MQInstance::createWorkers(int count) {
+	for (int i = 0; i < count; ++i) {
+		auto* worker = new (std::nothrow) Cqor_MQWorker;
+		if (!worker) return false;
+		worker->Create(this, i, mPriority, static_cast<int>(mAffinityMask));
+		if (mWorkers.Add(worker)) continue;
+		delete worker;
+		return false;
+	}
+	return true;
+}
+
+Cqor_MQInstance* Cqor_MQInstance::wCreate(void* owner, Cqor_MQCallBack callback, int workerCount, int queueSize,
+    int priority, int affinityMask, int autoStart) {
+	auto* instance = new (std::nothrow) Cqor_MQInstance;
+	if (!instance) return nullptr;
+	instance->mOwner = owner;
+	instance->Create(callback, workerCount, queueSize, priority, affinityMask, autoStart);
+	return instance;
+}
+
+void Cqor_MQInstance::Destroy() {
+	DestroyWorkers();
+	eqor_QUEUE_ITEM* items = mQueue.detachItems();
+	if (mSignal && mSignal->abandoned)
+		mSignal->keptItems = items;
+	else
+		platform::release(items);
+	if (mSignal) mSignal->drop();
+	mSignal = nullptr;
+	mSemaphore = nullptr;
+	mQueue.mSignals.store(0, std::memory_order_relaxed);
+	mQueue.mSleepers = 0;
+	mQueue.mLookers = 0;
+}
+
+int Cqor_MQInstance::StartWorkers() {
+	int result = kQorSuccess;
+	for (Cqor_MQWorker* worker : mWorkers)
+		if (worker->Start() != kQorSuccess) result = kQorFailure;
+	return result;
+}
+
+void Cqor_MQInstance::StopWorkers() {}
+
+int Cqor_MQInstance::DestroyWorkers() {
+	if (mWorkers.Count() == 0) return kQorSuccess;
+	closeSignal();
+	waitForThreads();
+	for (Cqor_MQWorker* worker : mWorkers) {
+		if (worker->endThread())
+			delete worker;
+		else
+			mSignal->abandoned = true; // its thread deletes it
+	}
+	mWorkers.Delete(0, mWorkers.Count());
+	return kQorSuccess;
+}
+
+/// Makes every wait of the workers fail, and wakes the sleepers to see it.
+void Cqor_MQInstance::closeSignal() {
+	mSignal->closed.store(true, std::memory_order_release);
+	platform::releaseSemaphore(mSemaphore, std::min(mWorkers.Count(), kMaximumSignals), nullptr);
+}
+
+/// Waits for all threads together, in as many calls as the system needs, within one limit.
+void Cqor_MQInstance::waitForThreads() {
+	const double end = seconds() + kEndWaitMs * 0.001;
+	platform::WaitHandle handles[platform::kMaximumWaitObjects];
+	int count = 0;
+	const auto wait = [&] {
+		const double left = std::max(end - seconds(), 0.0) * 1000.0;
+		if (count > 0) platform::waitAll(handles, count, static_cast<uint32_t>(left));
+		count = 0;
+	};
+	for (const Cqor_MQWorker* worker : mWorkers) {
+		if (worker->mThread) handles[count++] = worker->mThread;
+		if (count == platform::kMaximumWaitObjects) wait();
+	}
+	wait();
+}
+
+eqor_QUEUE_ITEM* Cqor_MQInstance::claim(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2) {
+	// Producers that try again and again must not keep the workers from freeing items.
+	eqor_QUEUE_ITEM* item = mQueue.isFull() ? nullptr : mQueue.GetFreeItem(0);
+	if (!item) return nullptr;
+	item->mWord1 = static_cast<uint32_t>(w1);
+	item->mWord2 = static_cast<uint32_t>(w2);
+	item->mWord3 = static_cast<uint32_t>(w3);
+	item->mPointer1 = p1;
+	item->mPointer2 = p2;
+	return item;
+}
+
+eqor_QUEUE_ITEM* Cqor_MQInstance::Add(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2) {
+	eqor_QUEUE_ITEM* item = claim(w1, w2, w3, p1, p2);
+	return item ? publish(item) : nullptr;
+}
+
+eqor_QUEUE_ITEM* Cqor_MQInstance::AddEx(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2,
+    const void* data1, int length1, const void* data2, int length2) {
+	eqor_QUEUE_ITEM* item = claim(w1, w2, w3, p1, p2);
+	if (!item) return nullptr;
+	copyData(item->mData1, data1, length1);
+	copyData(item->mData2, data2, length2);
+	return publish(item);
+}
+
+/// Appends a filled item and signals. @return null, with the item free again, when the list is full.
+eqor_QUEUE_ITEM* Cqor_MQInstance::publish(eqor_QUEUE_ITEM* item) {
+	bool wake = false;
+	{
+		Cqor_MsgQueue::Section section(mQueue);
+		if (!mQueue.appendLocked(item)) {
+			mQueue.freeLocked(item);
+			return nullptr;
+		}
+		// Beyond the maximum the item waits for the signal of a later one.
+		const int signals = mQueue.mSignals.load(std::memory_order_relaxed);
+		if (signals < kMaximumSignals) mQueue.mSignals.store(signals + 1, std::memory_order_relaxed);
+		wake = chooseSleeperLocked();
+	}
+	if (wake) platform::releaseSemaphore(mSemaphore, 1, nullptr);
+	return item;
+}
+
+/// Keeps this true: while there are signals and sleepers, some worker is looking.
+/// @return whether the caller has to wake a sleeper, which counts as looking already.
+bool Cqor_MQInstance::chooseSleeperLocked() {
+	if (mQueue.mLookers > 0 || mQueue.mSleepers == 0 || mQueue.mSignals.load(std::memory_order_relaxed) == 0)
+		return false;
+	--mQueue.mSleepers;
+	++mQueue.mLookers;
+	return true;
+}
+
+eqor_QUEUE_ITEM* Cqor_MQInstance::takeSignalledLocked() {
+	const int signals = mQueue.mSignals.load(std::memory_order_relaxed);
+	if (signals == 0) return nullptr;
+	mQueue.mSignals.store(signals - 1, std::memory_order_relaxed);
+	return mQueue.takeLocked();
+}
+
+/// Frees the item that a worker is done with (may be null) and takes the next.
+/// @param waited receives whether there was nothing to take at first.
+/// @return null when the instance is closing; the item's signal stays then.
+eqor_QUEUE_ITEM* Cqor_MQInstance::next(eqor_QUEUE_ITEM* done, bool* waited) {
+	bool looking = false;
+	*waited = false;
+	{
+		Cqor_MsgQueue::Section section(mQueue);
+		if (done) mQueue.freeLocked(done);
+		if (isClosed()) return nullptr;
+		if (eqor_QUEUE_ITEM* item = takeSignalledLocked()) return item;
+		looking = mQueue.mLookers == 0; // one is enough
+		++(looking ? mQueue.mLookers : mQueue.mSleepers);
+	}
+	*waited = true;
+	for (;;) {
+		if (looking)
+			lookForSignal();
+		else if (!sleepForSignal())
+			return nullptr;
+		eqor_QUEUE_ITEM* item;
+		bool wake = false;
+		{
+			Cqor_MsgQueue::Section section(mQueue);
+			if (isClosed()) return nullptr;
+			item = takeSignalledLocked();
+			if (item) {
+				--mQueue.mLookers;
+				wake = chooseSleeperLocked();
+			} else if (looking) {
+				--mQueue.mLookers;
+				++mQueue.mSleepers;
+			}
+		}
+		if (wake) platform::releaseSemaphore(mSemaphore, 1, nullptr);
+		if (item) return item;
+		looking = !looking; // a woken worker that others were faster than looks on
+	}
+}
+
+bool Cqor_MQInstance::isClosed() const { return mSignal->closed.load(std::memory_order_acquire); }
+
+void Cqor_MQInstance::lookForSignal() {
+	const int looks = mQueue.mLooks;
+	for (int i = 0; i < looks && !isClosed(); ++i) {
+		platform::yieldThread();
+		if (mQueue.mSignals.load(std::memory_order_relaxed) == 0) continue;
+		mQueue.mLooks = std::min(looks * 2, kMostLooks);
+		return;
+	}
+	mQueue.mLooks = std::max(looks / 2, kFewestLooks);
+}
+
+/// @return false when the instance is closing.
+bool Cqor_MQInstance::sleepForSignal() const {
+	for (;;) {
+		const uint32_t result = platform::wait(mSemaphore, kWorkerWaitMs);
+		if (result == platform::kWaitFailed || isClosed()) return false;
+		if (result == platform::kWaitAcquired) return true;
+	}
+}
+
+int Cqor_MQInstance::GetWorkerCount() { return mWorkers.Count(); }
+
+Cqor_MQWorker* Cqor_MQInstance::GetWorker(int index) {
+	Cqor_MQWorker** worker = mWorkers.Get(index);
+	return worker ? *worker : nullptr;
+}
+
+void Cqor_MQInstance::GetWorkerUsage(int* out) {
+	if (!out) return;
+	out[0] = 0;
+	for (const Cqor_MQWorker* worker : mWorkers) out[0] += worker->IsBusy();
+	out[1] = mWorkers.Count();
+}
+
+int Cqor_MQInstance::WaitForIdle(unsigned long timeoutMs) {
+	const double start = seconds();
+	const double limit = static_cast<double>(timeoutMs) / 1000.0;
+	for (;;) {
+		const bool idle = mQueue.isIdle();
+		if (!idle) platform::sleepMs(0);
+		// Before the idle exit: idle too late is a time-out.
+		if (timeoutMs != kNoLimit && seconds() - start > limit) return kQorFailure;
+		if (idle) return kQorSuccess;
+	}
+}

@@ -77,7 +77,10 @@ bool makeZeroedFile(const char* path, long long bytes, uint32_t piece, uint32_t 
 		good = done == bytes && file->flush();
 		error = platform::lastError();
 		file.reset();
-		good = good && files.replace(unfinished.c_str(), path);
+		if (good && !files.replace(unfinished.c_str(), path)) {
+			good = false;
+			error = platform::lastError();
+		}
 		if (!good) files.remove(unfinished.c_str());
 	} else {
 		error = platform::lastError();

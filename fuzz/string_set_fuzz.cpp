@@ -1,55 +1,15 @@
 // Loads the input as a string set, saves it and compares both ways with a plain rendering
 // of the rules. The file is one in memory, put in front of the system's.
 
-#include <qor/base/string_set.h>
-#include <qor/platform/file.h>
+#include "qor/base/string_set.h"
+#include "tests/support/memory_files.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 namespace {
-
-std::string contents;
-
-class MemoryFile : public platform::File {
-public:
-	uint32_t write(const void* data, uint32_t count) override {
-		contents.append(static_cast<const char*>(data), count);
-		return count;
-	}
-	uint32_t read(void* buffer, uint32_t count) override {
-		const auto n = std::min<size_t>(count, contents.size() - mPosition);
-		std::memcpy(buffer, contents.data() + mPosition, n);
-		mPosition += n;
-		return static_cast<uint32_t>(n);
-	}
-	bool seek(int64_t, platform::SeekOrigin, int64_t*) override { return false; }
-	bool size(int64_t* bytes) override {
-		*bytes = static_cast<int64_t>(contents.size());
-		return true;
-	}
-	bool flush() override { return true; }
-	bool geometry(platform::DiskGeometry*) override { return false; }
-	bool layout(platform::DiskLayout*) override { return false; }
-	bool deviceNumber(platform::DeviceNumber*) override { return false; }
-
-private:
-	size_t mPosition = 0;
-};
-
-class MemoryFiles : public platform::FileSystem {
-public:
-	std::unique_ptr<platform::File> open(const char*, const platform::FileOpen& how) override {
-		if (how.disposition == platform::Disposition::createAlways) contents.clear();
-		return std::make_unique<MemoryFile>();
-	}
-	bool exists(const char*) override { return true; }
-	bool remove(const char*) override { return false; }
-	bool replace(const char*, const char*) override { return false; }
-};
 
 std::vector<std::string> split(const std::string& text) {
 	std::vector<std::string> lines;
@@ -84,8 +44,8 @@ void require(bool condition) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-	static MemoryFiles files;
-	platform::replaceFileSystem(&files);
+	test_support::MemoryFiles files;
+	std::string& contents = files.contents["set"];
 	contents.assign(reinterpret_cast<const char*>(data), size);
 	const auto lines = split(contents);
 

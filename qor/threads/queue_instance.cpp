@@ -13,15 +13,16 @@
 namespace {
 
 constexpr int kMaximumSignals = 1000;
-constexpr uint32_t kWorkerWaitMs = 100;
 constexpr uint32_t kEndWaitMs = 5000;
 constexpr unsigned long kNoLimit = 0xFFFFFFFF;
 
 /// A worker without work looks on for a few microseconds before it sleeps: more often after
 /// looks that paid, less after looks in vain (the producer may need this very processor). A
 /// look is seldom, so that several messages come together and the producers are not held up.
-constexpr int kFewestLooks = 1;
+/// A worker that slept long does not look at all: schedulers wake a thread that yielded
+/// before it slept later than one that went to sleep at once.
 constexpr int kMostLooks = 8;
+constexpr double kShortSleep = 30e-6; // seconds
 
 double seconds() { return static_cast<double>(platform::counter()) / platform::counterFrequency(); }
 
@@ -121,7 +122,7 @@ int Cqor_MQInstance::DestroyWorkers() {
 /// Makes every wait of the workers fail, and wakes the sleepers to see it.
 void Cqor_MQInstance::closeSignal() {
 	mSignal->closed.store(true, std::memory_order_release);
-	platform::releaseSemaphore(mSemaphore, std::min(mWorkers.Count(), kMaximumSignals), nullptr);
+	for (int i = 0; i < mWorkers.Count(); ++i) platform::releaseSemaphore(mSemaphore, 1, nullptr);
 }
 
 /// Waits for all threads together, in as many calls as the system needs, within one limit.
@@ -141,9 +142,11 @@ void Cqor_MQInstance::waitForThreads() {
 	wait();
 }
 
-eqor_QUEUE_ITEM* Cqor_MQInstance::claim(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2) {
-	// Producers that try again and again must not keep the workers from freeing items.
-	eqor_QUEUE_ITEM* item = mQueue.isFull() ? nullptr : mQueue.GetFreeItem(0);
+/// Fills the five words of a message. They are too few to leave the section for: entering it a
+/// second time costs more. Data blocks are copied outside.
+eqor_QUEUE_ITEM* Cqor_MQInstance::claimLocked(
+    unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2) {
+	eqor_QUEUE_ITEM* item = mQueue.claimLocked();
 	if (!item) return nullptr;
 	item->mWord1 = static_cast<uint32_t>(w1);
 	item->mWord2 = static_cast<uint32_t>(w2);
@@ -154,35 +157,50 @@ eqor_QUEUE_ITEM* Cqor_MQInstance::claim(unsigned long w1, unsigned long w2, unsi
 }
 
 eqor_QUEUE_ITEM* Cqor_MQInstance::Add(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2) {
-	eqor_QUEUE_ITEM* item = claim(w1, w2, w3, p1, p2);
-	return item ? publish(item) : nullptr;
+	// Producers that try again and again must not keep the workers from freeing items.
+	if (mQueue.isFull()) return nullptr;
+	eqor_QUEUE_ITEM* item;
+	bool wake = false;
+	{
+		Cqor_MsgQueue::Section section(mQueue);
+		item = claimLocked(w1, w2, w3, p1, p2);
+		if (item && !publishLocked(item, &wake)) item = nullptr;
+	}
+	if (wake) platform::releaseSemaphore(mSemaphore, 1, nullptr);
+	return item;
 }
 
 eqor_QUEUE_ITEM* Cqor_MQInstance::AddEx(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2,
     const void* data1, int length1, const void* data2, int length2) {
-	eqor_QUEUE_ITEM* item = claim(w1, w2, w3, p1, p2);
+	if (mQueue.isFull()) return nullptr;
+	eqor_QUEUE_ITEM* item;
+	{
+		Cqor_MsgQueue::Section section(mQueue);
+		item = claimLocked(w1, w2, w3, p1, p2);
+	}
 	if (!item) return nullptr;
 	copyData(item->mData1, data1, length1);
 	copyData(item->mData2, data2, length2);
-	return publish(item);
-}
-
-/// Appends a filled item and signals. @return null, with the item free again, when the list is full.
-eqor_QUEUE_ITEM* Cqor_MQInstance::publish(eqor_QUEUE_ITEM* item) {
 	bool wake = false;
 	{
 		Cqor_MsgQueue::Section section(mQueue);
-		if (!mQueue.appendLocked(item)) {
-			mQueue.freeLocked(item);
-			return nullptr;
-		}
-		// Beyond the maximum the item waits for the signal of a later one.
-		const int signals = mQueue.mSignals.load(std::memory_order_relaxed);
-		if (signals < kMaximumSignals) mQueue.mSignals.store(signals + 1, std::memory_order_relaxed);
-		wake = chooseSleeperLocked();
+		if (!publishLocked(item, &wake)) item = nullptr;
 	}
 	if (wake) platform::releaseSemaphore(mSemaphore, 1, nullptr);
 	return item;
+}
+
+/// Appends a filled item and counts its signal. @return false, with the item free again, when the list is full.
+bool Cqor_MQInstance::publishLocked(eqor_QUEUE_ITEM* item, bool* wake) {
+	if (!mQueue.appendLocked(item)) {
+		mQueue.freeLocked(item);
+		return false;
+	}
+	// Beyond the maximum the item waits for the signal of a later one.
+	const int signals = mQueue.mSignals.load(std::memory_order_relaxed);
+	if (signals < kMaximumSignals) mQueue.mSignals.store(signals + 1, std::memory_order_relaxed);
+	*wake = chooseSleeperLocked();
+	return true;
 }
 
 /// Keeps this true: while there are signals and sleepers, some worker is looking.
@@ -218,10 +236,13 @@ eqor_QUEUE_ITEM* Cqor_MQInstance::next(eqor_QUEUE_ITEM* done, bool* waited) {
 	}
 	*waited = true;
 	for (;;) {
-		if (looking)
+		if (looking) {
 			lookForSignal();
-		else if (!sleepForSignal())
-			return nullptr;
+		} else {
+			const double asleep = seconds();
+			if (!sleepForSignal()) return nullptr;
+			mQueue.mLooks = seconds() - asleep < kShortSleep ? std::max(mQueue.mLooks.load(), 1) : 0;
+		}
 		eqor_QUEUE_ITEM* item;
 		bool wake = false;
 		{
@@ -252,16 +273,14 @@ void Cqor_MQInstance::lookForSignal() {
 		mQueue.mLooks = std::min(looks * 2, kMostLooks);
 		return;
 	}
-	mQueue.mLooks = std::max(looks / 2, kFewestLooks);
+	mQueue.mLooks = looks / 2;
 }
 
+/// Without a limit: closing gives every worker a permit, and a timed wait would arm and disarm
+/// a timer for each wake-up.
 /// @return false when the instance is closing.
 bool Cqor_MQInstance::sleepForSignal() const {
-	for (;;) {
-		const uint32_t result = platform::wait(mSemaphore, kWorkerWaitMs);
-		if (result == platform::kWaitFailed || isClosed()) return false;
-		if (result == platform::kWaitAcquired) return true;
-	}
+	return platform::wait(mSemaphore, platform::kInfinite) == platform::kWaitAcquired && !isClosed();
 }
 
 int Cqor_MQInstance::GetWorkerCount() { return mWorkers.Count(); }

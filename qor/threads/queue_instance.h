@@ -137,8 +137,8 @@ private:
 	bool createWorkers(int count);
 	void closeSignal();
 	void waitForThreads();
-	eqor_QUEUE_ITEM* claim(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2);
-	eqor_QUEUE_ITEM* publish(eqor_QUEUE_ITEM* item);
+	eqor_QUEUE_ITEM* claimLocked(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2);
+	bool publishLocked(eqor_QUEUE_ITEM* item, bool* wake);
 	eqor_QUEUE_ITEM* takeSignalledLocked();
 	bool chooseSleeperLocked();
 	eqor_QUEUE_ITEM* next(eqor_QUEUE_ITEM* done, bool* waited);

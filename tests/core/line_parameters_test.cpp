@@ -75,23 +75,9 @@ TEST(LineParameters, Lookups) {
 	EXPECT_STREQ(set.GetPar(9, out, nullptr), "");
 	EXPECT_STREQ(set.parString("set", 1, out, "d"), "12");
 	EXPECT_STREQ(set.parString("set", 8, out, 2, "default"), "d");
-	CstqLineParSet lean;
-	lean.Feed("a,7,0.25", 0);
-	EXPECT_EQ(lean.GetIntPar(1, 0) + lean.GetDoublePar(2, 0) + lean.GetIntPar(3, 1), 8.25);
-	EXPECT_STREQ(lean.GetCHARPar(3, out, "d"), "d");
 	set.Feed("x,\"p,q,r\"", 1, 1);
 	set.Feed(set(1), 1, 1); // a line inside the line
 	EXPECT_EQ(joined(set), "p|q|r|");
-}
-
-TEST(LineParameters, CursorReads) {
-	CmcLineParSet set(',', "a,b,c", 0);
-	EXPECT_STREQ(set(), "a");
-	EXPECT_EQ(++set, 1);
-	EXPECT_EQ(set[1] + std::string(set[-1]) + set[2147483647], "ca");
-	EXPECT_TRUE(*(set = 2) == 'c' && !set.eof());
-	EXPECT_TRUE(*(set = 3) == 0 && set.eof());
-	EXPECT_STREQ((set = -5), "a");
 }
 
 } // namespace

@@ -37,12 +37,6 @@ struct ManagedObject : testing::Test {
 	Cmc root;
 };
 
-TEST_F(ManagedObject, ClassFunctionAnswersItsTwoCommands) {
-	const char* type = nullptr; // 256 makes what the class manager gives
-	EXPECT_TRUE(root.classfunc(1, 0, 0, &type, nullptr) == 0 && root.istype(type));
-	EXPECT_EQ(root.classfunc(256, 0, 0, nullptr, nullptr) & root.classfunc(2, 0, 0, &type, nullptr), kQorFailure);
-}
-
 TEST_F(ManagedObject, NamesAndFlags) {
 	Cmc object;
 	Camera camera; // takes a default name first
@@ -91,16 +85,12 @@ TEST_F(ManagedObject, DestroyDeletesFromTheTopAndLeavesNoTrace) {
 TEST_F(ManagedObject, CopiesShareUntilOneChanges) {
 	auto* original = add("original");
 	for (const char* name : {"a", "b", "c"}) add(name, original);
-	Cmc copy(*original), other, third(*original);
+	Cmc copy(*original);
 	EXPECT_TRUE(copy.getname() == original->getname() && copy._mcGetParent() == &root);
 	copy.setname("copy");
 	copy._mcMoveChild(copy._mcGetChild(0), 2);
 	EXPECT_EQ(original->getname() + childrenOf(*original) + childrenOf(root), "originala b c original ");
-	other._mcSetParent(&third);
-	other = *original; // leaves the list of `third`, which is a list of its own by now
-	original->_mcDestroyChild(original->_mcGetChild(0), 1);
-	EXPECT_EQ(other._mcGetChildCount() + third._mcGetChildCount(), 6);
-	root._mcDestroy();    // the copies outlive their parent's list
+	root._mcDestroy();    // the copy outlives its parent's list
 	root = *add("below"); // refused: it would contain itself
 	EXPECT_EQ(root._mcGetRoot(), &root);
 }

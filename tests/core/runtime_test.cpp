@@ -1,8 +1,6 @@
 #include "core_test.h"
 
 #include <atomic>
-#include <cstring>
-#include <latch>
 #include <regex>
 #include <thread>
 
@@ -139,20 +137,6 @@ TEST_F(Runtime, OverlongAndNullTexts) {
 	appmsg(nullptr);
 	appmsg_Raw(nullptr);
 	EXPECT_EQ(mLog.lines.back().size(), 13u);
-}
-
-TEST_F(Runtime, HeldLogLockDelaysButDoesNotDropALine) {
-	appRawInit("held.log", 0);
-	std::latch inside(1), release(1);
-	appLogSetFunc(
-	    [&](const char* line) { return !std::strstr(line, "holder") || (inside.count_down(), release.wait(), true); });
-	std::thread holder([] { appmsg("holder"); });
-	inside.wait();
-	appmsg("passes");
-	EXPECT_EQ(count(readFile("held.log"), "passes\r\n") + count(readFile("held.log"), "holder"), 1u);
-	release.count_down();
-	holder.join();
-	EXPECT_EQ(count(readFile("held.log"), "holder\r\n"), 1u);
 }
 
 TEST_F(Runtime, ThreadsLogWhileTheLogOpensAndCloses) {

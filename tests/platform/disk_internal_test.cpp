@@ -46,17 +46,12 @@ int64_t sizeByGeometry(File& device) {
 	return device.geometry(&g) ? g.cylinders * g.tracksPerCylinder * g.sectorsPerTrack * g.bytesPerSector : -1;
 }
 
-int run(const std::string& command) { return std::system((command + " 2>/dev/null").c_str()); }
-
 class Disk : public testing::Test {
 protected:
 	void SetUp() override {
 		if (kPathSeparator == '\\') GTEST_SKIP() << "disks cannot be named freely on this system";
 	}
-	void TearDown() override {
-		name("", "");
-		EXPECT_TRUE(mLoop.empty() || run("losetup -d " + mLoop) == 0);
-	}
+	void TearDown() override { name("", ""); }
 	void name(const std::string& disks, const std::string& drives) {
 		static std::string variables[2]; // the environment refers to them
 		variables[0] = "qorDisks=" + disks;
@@ -70,11 +65,10 @@ protected:
 		std::filesystem::resize_file(path, static_cast<uintmax_t>(size));
 		writeFile(mFolder.path("script"), script);
 		const std::string command = "sfdisk -q --no-reread " + path + " < " + mFolder.path("script");
-		EXPECT_TRUE(script.empty() || run(command) == 0);
+		EXPECT_TRUE(script.empty() || std::system(command.c_str()) == 0);
 		return path;
 	}
 	test_support::TempFolder mFolder;
-	std::string mLoop; // a device to be given back
 };
 
 constexpr const char* kScript = "label: dos\n1 : start=2048, size=4096, type=83, bootable\n"
@@ -104,8 +98,6 @@ TEST_F(Disk, OnlyWhatIsNamedExists) {
 	}
 	EXPECT_EQ(fileSystem().open("\\\\.\\C:", {Disposition::createAlways, kAccessWrite}), nullptr);
 	EXPECT_EQ(std::filesystem::file_size(image), static_cast<uintmax_t>(kImageSize));
-	if (!std::filesystem::is_block_file("/dev/loop0")) GTEST_SKIP() << "no block device to be refused";
-	EXPECT_TRUE(!openDevice("/dev/loop0", kAccessRead) && lastError() == 5); // not under its path either
 }
 
 TEST_F(Disk, GeometryAndTables) {
@@ -143,25 +135,6 @@ TEST_F(Disk, VolumeIsAWindowOntoItsDisk) {
 	EXPECT_EQ(volume->read(gBuffer, 512), 0u);
 	EXPECT_EQ(readFile(image).substr((14336 + 2000) * kSector, 512), std::string(512, '\0'));
 	EXPECT_EQ(std::filesystem::file_size(image), static_cast<uintmax_t>(kImageSize));
-}
-
-TEST_F(Disk, BlockDevice) {
-	const std::string answer = mFolder.path("answer");
-	if (run("losetup -P -f --show " + makeImage(kScript) + " > " + answer) != 0) GTEST_SKIP() << "no loop devices";
-	mLoop = readFile(answer).substr(0, readFile(answer).find('\n'));
-	const bool hasNode = std::filesystem::exists(mLoop + "p5");
-	name(mLoop, "P=" + mLoop + (hasNode ? "p5" : "#5"));
-	auto disk = openDevice("\\\\.\\PhysicalDrive0"), volume = openDevice("\\\\.\\P:");
-	ASSERT_TRUE(disk && volume);
-	EXPECT_EQ(sizeByGeometry(*disk), kImageSize);
-	EXPECT_EQ(tableOf(*volume), kTable);
-	EXPECT_EQ(numberOf(*volume), "7:0:5");
-	std::memset(gBuffer, 'p', 512);
-	EXPECT_EQ(volume->write(gBuffer, 512), 512u);
-	EXPECT_TRUE(volume->seek(0, SeekOrigin::end, nullptr) && volume->write(gBuffer, 512) == 0);
-	EXPECT_TRUE(disk->seek(10240 * kSector, SeekOrigin::begin, nullptr) && disk->read(gBuffer + 512, 512) == 512);
-	EXPECT_EQ(std::memcmp(gBuffer, gBuffer + 512, 512), 0);
-	if (!hasNode) GTEST_SKIP() << "no device nodes of partitions here; the disk itself was checked";
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 #include "qor/platform/folder.h"
 #include "qor/platform/machine.h"
 #include "qor/platform/memory.h"
-#include "support/faulty_file_system.h"
 #include "support/temp_folder.h"
 
 #include <cstring>
@@ -11,7 +10,6 @@
 namespace {
 
 using namespace platform;
-using test_support::FaultyFileSystem;
 using test_support::readFile;
 using test_support::writeFile;
 
@@ -198,21 +196,6 @@ TEST_F(FileTest, ReplaceIsOneStep) {
 	writeFile(from, "third");
 	EXPECT_FALSE(replace(from, mFolder.path()) || replace(from, "") || fileSystem().replace(nullptr, mPath.c_str()));
 	EXPECT_EQ(readFile(from) + readFile(mPath), "thirdsecond");
-}
-
-TEST_F(FileTest, AnotherFileSystemCanBeInForce) {
-	{
-		FaultyFileSystem faulty;
-		faulty.fail(FaultyFileSystem::Call::open, 2, 4);
-		auto file = openFile(mPath, Disposition::createAlways);
-		ASSERT_NE(file, nullptr);
-		EXPECT_EQ(outcome(openFile(mPath) != nullptr), Outcome(0, 4));
-		EXPECT_EQ(replaceFileSystem(nullptr), &faulty);
-		faulty.tearWrite(1, 2); // the open file keeps the one it came from
-		EXPECT_EQ(outcome(file->write("torn", 4)), Outcome(2, 112));
-	}
-	EXPECT_EQ(&fileSystem(), &systemFileSystem());
-	EXPECT_EQ(readFile(mPath), "to");
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "wait_support.h"
 
 #include "qor/platform/clock.h"
-#include "qor/platform/faults.h"
 #include "qor/platform/thread.h"
 
 #include <atomic>
@@ -68,16 +67,6 @@ TEST(Thread, HasThePriorityAndAffinityGiven) {
 		EXPECT_EQ(seen.priority, priority);
 		EXPECT_EQ(seen.affinity, expected);
 	}
-}
-
-TEST(Thread, StartCanFail) {
-	Seen seen;
-	EXPECT_EQ(startThread(nullptr, &seen), nullptr);
-	armFault(FaultPoint::thread, 1);
-	EXPECT_EQ(startThread(look, &seen), nullptr);
-	EXPECT_EQ(lastError(), 8u);
-	EXPECT_EQ(wait(Owned(startThread(look, &seen)).get(), kLong), kWaitAcquired);
-	armFault(FaultPoint::thread, 0);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 #include "wait_support.h"
 
 #include "qor/platform/clock.h"
-#include "qor/platform/faults.h"
 #include "qor/platform/folder.h"
 #include "qor/platform/thread.h"
 
@@ -51,18 +50,6 @@ TEST(WaitHandles, RefuseOperationsOfAnotherKind) {
 			EXPECT_FALSE(setEvent(handle) || resetEvent(handle) || pulseEvent(handle));
 		}
 		EXPECT_EQ(wait(semaphore.get(), 0), kWaitTimeout);
-	}
-}
-
-TEST(WaitHandles, CreationCanFail) {
-	const std::function<WaitHandle()> calls[] = {[] { return createMutex(true); }, [] { return createSemaphore(0, 1); },
-	    [] { return createEvent(false, false); }, [] { return createSemaphore(0, 1, uniqueName().c_str()); }};
-	for (const auto& call : calls) {
-		armFault(FaultPoint::waitObject, 2);
-		const Owned first(call()), second(call()), third(call());
-		EXPECT_TRUE(first && !second && third);
-		EXPECT_EQ(faultCalls(FaultPoint::waitObject), 3);
-		armFault(FaultPoint::waitObject, 0);
 	}
 }
 

@@ -1,51 +1,29 @@
 #pragma once
 
+#include "support/log_capture.h"
 #include "support/temp_folder.h"
+#include "support/wait_until.h"
 
 #include <gtest/gtest.h>
 
-#include <qor/core/runtime.h>
 #include <qor/plugins/plugin_manager.h>
 #include <qor/plugins/time_capture.h>
 #include <qor/plugins/video_capture.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
+using test_support::eventually;
+using test_support::LogCapture;
 using test_support::readFile;
 using test_support::TempFolder;
 using test_support::writeFile;
 
 inline constexpr int kFailure = 0x10000000;
-
-/// The log lines written during its life.
-class LogLines {
-public:
-	LogLines() {
-		appLogSetFunc([this](const char* line) {
-			const std::lock_guard guard(mMutex);
-			return mLines.append(line), true;
-		});
-	}
-	~LogLines() { appLogSetFunc(nullptr); }
-	bool has(const std::string& text) {
-		const std::lock_guard guard(mMutex);
-		return mLines.find(text) != std::string::npos;
-	}
-
-private:
-	std::mutex mMutex;
-	std::string mLines;
-};
 
 /// The plug-in's side of a device, played by the test: remembers commands and answers them,
 /// operations and settings with `status`, gets from `values`.
@@ -76,16 +54,6 @@ struct FakeDevice {
 		return (operation == "set" ? key : operation) + "," + std::to_string(status);
 	}
 };
-
-template <class Condition>
-bool eventually(Condition condition) {
-	const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-	while (!condition()) {
-		if (std::chrono::steady_clock::now() > end) return false;
-		std::this_thread::sleep_for(std::chrono::milliseconds(1));
-	}
-	return true;
-}
 
 /// A manager whose host makes an object for every device of the plug-ins that ship, and one
 /// camera among them with what it delivers.

@@ -197,7 +197,7 @@ TEST(VideoCapture, FrameInformationGoesRound) {
 
 TEST(VideoCapture, GeometryWaitsForTheHost) {
 	Camera camera;
-	LogLines log;
+	LogCapture log;
 	camera.acknowledges = false;
 	std::thread host([&] { camera.acknowledges = eventually([&] { return camera.asked > 3; }); });
 	camera.device.onCommand = [&] { EXPECT_TRUE(camera.isGeometryChanging() && camera.acknowledges); };
@@ -218,7 +218,7 @@ TEST(VideoCapture, GeometryWaitsForTheHost) {
 
 TEST(VideoCapture, GeometryChangesWithoutTheHostInTheEnd) {
 	Camera camera;
-	LogLines log;
+	LogCapture log;
 	camera.acknowledges = false;
 	const auto begin = std::chrono::steady_clock::now();
 	EXPECT_EQ(camera.setWidth(64), 0);

@@ -1,15 +1,12 @@
 #pragma once
 
-#include "qor/core/runtime.h"
 #include "qor/storage/storage.h"
+#include "support/log_capture.h"
 #include "support/temp_folder.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace storage_test {
 
@@ -51,22 +48,8 @@ inline bool isThere(CmsSession& session, long long frame, unsigned number) {
 /// The three files of a storage in a folder of their own, and the lines logged meanwhile.
 class StorageTest : public testing::Test {
 protected:
-	StorageTest() {
-		appLogSetFunc([this](const char* line) {
-			const std::lock_guard guard(mLogMutex);
-			mLog += std::string(line) + "\n";
-			return true;
-		});
-	}
-	~StorageTest() override {
-		mStorage.Destroy();
-		appLogSetFunc({});
-	}
 	std::string path(const char* name) const { return mFolder.path(name); }
-	bool hasLogged(const char* text) {
-		const std::lock_guard guard(mLogMutex);
-		return mLog.find(text) != std::string::npos;
-	}
+	bool hasLogged(const char* text) { return mLog.has(text); }
 	void create(CmsStorage& storage, int sizeMB = 16) { createIn(storage, mFolder.path(), sizeMB); }
 	/// Feeds frames `first` to `first + count - 1`, waiting where the disk is behind. @return frames taken.
 	int feed(CmsSession& session, unsigned first, int count) {
@@ -87,17 +70,13 @@ protected:
 		mStorage.Destroy();
 		for (const char* name : {"list", "index", "data", "list.damaged"}) fs::remove(path(name));
 		mFed.clear();
-		const std::lock_guard guard(mLogMutex);
 		mLog.clear();
 	}
 
 	test_support::TempFolder mFolder;
-	CmsStorage mStorage;
+	test_support::LogCapture mLog;
+	CmsStorage mStorage;        // goes first
 	std::vector<unsigned> mFed; // numbers of the frames that Feed took
-
-private:
-	std::mutex mLogMutex;
-	std::string mLog;
 };
 
 } // namespace storage_test

@@ -120,15 +120,6 @@ TEST_F(StorageFaults, LostIndexRecordsCloseTheSession) {
 	EXPECT_EQ(checkAfterwards(), 4);
 }
 
-TEST_F(StorageFaults, FullDiskLeavesNoPartOfATarget) {
-	FaultyFileSystem faulty;
-	faulty.setSpace(5 << 20);
-	create(mStorage, 8);
-	EXPECT_TRUE(hasLogged("of 8388608 bytes (err=112)"));
-	EXPECT_EQ(mStorage.GetTotalSpace(), 0);
-	EXPECT_FALSE(fs::exists(path("data")));
-}
-
 TEST_F(StorageFaults, WhatMayNotBeWrittenIsReported) {
 	FaultyFileSystem faulty;
 	using Denied = std::tuple<const char*, int, const char*>; // file, frames taken, line logged

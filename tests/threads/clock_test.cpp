@@ -1,4 +1,4 @@
-#include "wait_for.h"
+#include "support/wait_until.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 
 namespace {
 
+using test_support::eventually;
 constexpr int kFailure = 0x10000000;
 
 std::atomic<unsigned long> ticks, executions, lastCount;
@@ -40,9 +41,9 @@ TEST(Clock, PeriodStartsWithTheFormerGranularity) {
 	ASSERT_EQ(clock.Create(nullptr, 100, 0, 2), 0);
 	EXPECT_DOUBLE_EQ(clock.GetEffectivePeriod(), 0.006);
 	ASSERT_EQ(clock.Start(), 0);
-	EXPECT_TRUE(waitFor([&] { return clock.GetEffectivePeriod() == 1.0 / 100 - 2 * 0.001; }));
+	EXPECT_TRUE(eventually([&] { return clock.GetEffectivePeriod() == 1.0 / 100 - 2 * 0.001; }));
 	clock.SetFrequency(0); // counts as 1 Hz
-	EXPECT_TRUE(waitFor([&] { return clock.GetEffectivePeriod() == 1.0 - 2 * 0.001; }));
+	EXPECT_TRUE(eventually([&] { return clock.GetEffectivePeriod() == 1.0 - 2 * 0.001; }));
 }
 
 TEST(Clock, TicksPausesAndStops) {
@@ -51,7 +52,7 @@ TEST(Clock, TicksPausesAndStops) {
 	ASSERT_EQ(clock.Create(onTick, 200, 0, 1), 0);
 	clock.SetOnExecutionCallBack(onExecution);
 	for (int start = 0; start < 2; ++start) ASSERT_EQ(clock.Start(), 0); // the second finds it running
-	EXPECT_TRUE(waitFor([] { return ticks >= 5 && executions >= 5; }));
+	EXPECT_TRUE(eventually([] { return ticks >= 5 && executions >= 5; }));
 	clock.Pause(7);
 	std::this_thread::sleep_for(std::chrono::milliseconds(20)); // a callback under way
 	const auto paused = std::pair(ticks.load(), executions.load());
@@ -59,14 +60,14 @@ TEST(Clock, TicksPausesAndStops) {
 	EXPECT_EQ(std::pair(ticks.load(), executions.load()), paused);
 	clock.Pause(0);
 	ASSERT_EQ(clock.Create(onTick, 100, 0, 1), 0); // with a new event, while it runs
-	EXPECT_TRUE(waitFor([&] { return ticks > paused.first + 2 && lastCount == ticks - 1; }));
+	EXPECT_TRUE(eventually([&] { return ticks > paused.first + 2 && lastCount == ticks - 1; }));
 	EXPECT_EQ(clock.Reset(), 0);
-	EXPECT_TRUE(waitFor([] { return lastCount < 3; }));
+	EXPECT_TRUE(eventually([] { return lastCount < 3; }));
 	EXPECT_EQ(clock.Stop(), 0);
 	const auto stopped = ticks.load();
 	const double start = clock.GetRawTime();
 	ASSERT_EQ(clock.Start(), 0); // again
-	ASSERT_TRUE(waitFor([&] { return ticks >= stopped + 5; }));
+	ASSERT_TRUE(eventually([&] { return ticks >= stopped + 5; }));
 	EXPECT_GE(clock.GetRawTime() - start, 5 * 0.009 - 0.001); // never early; late by any load
 }
 
@@ -87,7 +88,7 @@ TEST(Timer, SignalsAtStartAndThenEveryPeriod) {
 	CountingTimer timer;
 	ASSERT_EQ(timer.Create(0.02, [](CmcUtilTimer*, unsigned long, unsigned long, void*, void*) { return ++calls; }), 0);
 	const auto start = std::chrono::steady_clock::now();
-	ASSERT_TRUE(waitFor([&] { return timer.mSignals >= 4; }));
+	ASSERT_TRUE(eventually([&] { return timer.mSignals >= 4; }));
 	EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(55));
 	timer.Destroy();
 	ASSERT_EQ(timer.WaitForEnd(5000), 0);

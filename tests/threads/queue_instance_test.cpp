@@ -1,4 +1,4 @@
-#include "wait_for.h"
+#include "support/wait_until.h"
 
 #include <algorithm>
 #include <atomic>
@@ -9,6 +9,7 @@
 
 namespace {
 
+using test_support::eventually;
 constexpr int kFailure = 0x10000000;
 
 /// What the callback notes through the instance's owner pointer.
@@ -89,7 +90,7 @@ TEST(QueueInstance, WorkersRunInParallel) {
 	host.hold = true;
 	const auto instance = make(host, 4, 8);
 	for (int i = 0; i < 6; ++i) ASSERT_NE(instance->Add(1, 0, 0, nullptr, nullptr), nullptr);
-	EXPECT_TRUE(waitFor([&] { return host.inside == 4; })); // each is woken although the others never finish
+	EXPECT_TRUE(eventually([&] { return host.inside == 4; })); // each is woken although the others never finish
 	int usage[2];
 	instance->GetWorkerUsage(usage);
 	instance->GetWorkerUsage(nullptr);
@@ -121,9 +122,9 @@ TEST(QueueInstance, SignalsBeyondTheMaximumLeaveItemsForLaterOnes) {
 	const auto instance = make(host, 1, 1010, 0);
 	for (int i = 0; i < 1005; ++i) instance->Add(1, 0, 0, nullptr, nullptr);
 	instance->StartWorkers();
-	ASSERT_TRUE(waitFor([&] { return host.items == 1000; }));
+	ASSERT_TRUE(eventually([&] { return host.items == 1000; }));
 	instance->Add(2, 0, 0, nullptr, nullptr);
-	ASSERT_TRUE(waitFor([&] { return host.items == 1001; }));
+	ASSERT_TRUE(eventually([&] { return host.items == 1001; }));
 	EXPECT_EQ(instance->GetPendingCount(), 5);
 }
 
@@ -148,7 +149,7 @@ TEST(QueueInstance, DestroyFromACallbackTakesItsFullTimeAndHarmsNothing) {
 	const auto start = std::chrono::steady_clock::now();
 	auto instance = make(host, 2, 4);
 	instance->Add(42, 0, 0, nullptr, nullptr);
-	ASSERT_TRUE(waitFor([&] { return host.items == 1; }));
+	ASSERT_TRUE(eventually([&] { return host.items == 1; }));
 	EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4990));
 	EXPECT_EQ(host.words.at(0), 42u);
 	host.onItem = nullptr;

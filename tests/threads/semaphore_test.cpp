@@ -1,4 +1,4 @@
-#include "wait_for.h"
+#include "support/wait_until.h"
 
 #include <array>
 #include <atomic>
@@ -12,6 +12,7 @@
 
 namespace {
 
+using test_support::eventually;
 constexpr int kFailure = 0x10000000;
 
 TEST(Mutex, IsRecursiveExclusiveNamedAndPassedOn) {
@@ -63,7 +64,7 @@ int record(CstxSemaphore*, unsigned long code, unsigned long a, unsigned long b)
 }
 
 bool callsBecome(const std::vector<Call>& expected) {
-	return waitFor([&] {
+	return eventually([&] {
 		std::lock_guard lock(callsMutex);
 		return calls == expected;
 	});
@@ -110,14 +111,14 @@ TEST(SemaphoreWorker, MayBeDeletedByItsLastCall) {
 	auto* worker = new CstxSemaphore;
 	const auto end = [](CstxSemaphore* sender, unsigned long code, unsigned long, unsigned long) {
 		if (code != 2) return 1;
-		waitFor([] { return started.load(); }); // nothing may run beside the destructor
+		eventually([] { return started.load(); }); // nothing may run beside the destructor
 		delete sender;
 		deleted = true;
 		return 0;
 	};
 	ASSERT_EQ(worker->StartWorker(end, 5, 0), 0);
 	started = true;
-	EXPECT_TRUE(waitFor([] { return deleted.load(); }));
+	EXPECT_TRUE(eventually([] { return deleted.load(); }));
 }
 
 } // namespace

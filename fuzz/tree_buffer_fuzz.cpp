@@ -13,7 +13,7 @@
 
 namespace {
 
-class Node : public qor {
+class Node final : public qor {
 public:
 	int qorOnSaveToBuffer(CstMemFile* file) override {
 		return data.empty() || file->Write(data.data(), static_cast<unsigned long>(data.size())) ? 0 : 1;

@@ -25,9 +25,9 @@ public:
 	}
 
 	template <class Number>
-	void addNumber(const std::string& key, const Number& value, Setter setter = nullptr) {
+	void addNumber(const std::string& key, const Number& value, const Setter& setter = nullptr) {
 		add(
-		    key, [&value] { return number(value); }, std::move(setter));
+		    key, [&value] { return number(value); }, setter);
 	}
 
 	/// A setting of its own between two limits.

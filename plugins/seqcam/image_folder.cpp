@@ -43,7 +43,7 @@ std::string inspectImage(ImageFolder::Image& image) {
 	if (image.fileBytes > ImageFolder::kMaximumFileBytes) return "is larger than 1 GiB";
 	std::array<unsigned char, ImageHeader::kMaximumSize> start;
 	file.read(reinterpret_cast<char*>(start.data()), start.size());
-	const auto problem = image.header.parse(start.data(), static_cast<size_t>(file.gcount()));
+	auto problem = image.header.parse(start.data(), static_cast<size_t>(file.gcount()));
 	if (!problem.empty()) return problem;
 	const auto needed = image.header.pixelOffset + image.header.pixelBytes();
 	if (image.fileBytes < needed) return std::to_string(needed - image.fileBytes) + " bytes of pixels are missing";

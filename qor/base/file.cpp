@@ -256,7 +256,10 @@ unsigned long CstFile::writeNarrow(const char* format, va_list arguments, bool l
 	char text[kTextBuffer];
 	const size_t end = line ? 2 : 0; // room kept for the line end
 	const size_t length = platform::formatTextV(text, kTextBuffer - end, format, arguments);
-	if (line) std::memcpy(text + length, "\r\n", 2);
+	if (line) {
+		text[length] = '\r';
+		text[length + 1] = '\n';
+	}
 	return Write(text, static_cast<unsigned long>(length + end));
 }
 

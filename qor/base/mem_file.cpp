@@ -123,8 +123,7 @@ unsigned long CstMemFile::writeFrom(uint32_t position, const void* source, unsig
 	if (end < count || (end > static_cast<uint64_t>(mSize) && !grow(end))) return 0;
 	auto* target = mData + position;
 	if (inside) bytes = mData + sourceOffset;
-	if (count > 0 && bytes) std::memmove(target, bytes, count);
-	if (count > 0 && !bytes) std::memset(target, 0, count);
+	if (target && count > 0) bytes ? std::memmove(target, bytes, count) : std::memset(target, 0, count);
 	mPosition = static_cast<uint32_t>(end);
 	if (where) *where = target;
 	return count;

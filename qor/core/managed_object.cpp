@@ -25,7 +25,7 @@ Cmc::Cmc(const Cmc& other)
 }
 
 Cmc& Cmc::operator=(const Cmc& other) {
-	if (isSelfOrAncestor(&other) || other.isSelfOrAncestor(this)) return *this;
+	if (this == &other || isSelfOrAncestor(&other) || other.isSelfOrAncestor(this)) return *this;
 	core::addSharedUser(other.mName);
 	core::addSharedUser(other.mChildren);
 	core::releaseShared(mName);

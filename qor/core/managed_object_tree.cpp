@@ -70,7 +70,7 @@ int Cmc::_mcDestroyChild(Cmc* child, int del) {
 }
 
 int Cmc::_mcDestroyChilds(int del) {
-	while (mChildCount > 0) _mcDestroyChild(mChildren[0], del);
+	while (mChildCount > 0) _mcDestroyChild(mChildren[0], del); // NOLINT: what is deleted has left the list
 	return kQorSuccess;
 }
 

@@ -106,7 +106,7 @@ int Cqor_MQInstance::StartWorkers() {
 void Cqor_MQInstance::StopWorkers() {}
 
 int Cqor_MQInstance::DestroyWorkers() {
-	if (mWorkers.Count() == 0) return kQorSuccess;
+	if (mWorkers.Count() == 0 || !mSignal) return kQorSuccess; // no workers are made without a signal
 	closeSignal();
 	waitForThreads();
 	for (Cqor_MQWorker* worker : mWorkers) {

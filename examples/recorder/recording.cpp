@@ -104,6 +104,12 @@ bool applied(const char* what, int status) {
 	return false;
 }
 
+/// No frames are in use before the recording starts: a geometry change may go on at once.
+int acknowledgeGeometry(void*, CqorSIO_VideoCap*, unsigned long code, unsigned long, unsigned long, void* p1, void*) {
+	if (code == QOR_SIO_HOST_GEOMETRY) std::atomic_ref<int>(*static_cast<int*>(p1)).store(1);
+	return 0;
+}
+
 /// Sets the features in `settings`. Some cameras take a feature only before they are opened,
 /// some only afterwards: what the camera refuses stays in `settings`.
 /// @return false, with a message, for a setting that is not written feature=value.
@@ -283,7 +289,10 @@ int record(const RecordOptions& options) {
 	std::cout << "camera   " << camera->description() << " (" << camera->plugIn << ")\n";
 
 	int result = kExitTrouble;
-	if (openCamera(*camera->device, options) && configure(*camera->device, options)) {
+	camera->device->SetUserCallBack(acknowledgeGeometry, nullptr);
+	const bool configured = openCamera(*camera->device, options) && configure(*camera->device, options);
+	camera->device->SetUserCallBack(nullptr, nullptr);
+	if (configured) {
 		CmsStorage storage;
 		storage.Create(files.sessions.c_str(), files.index.c_str(), files.data.c_str(), options.sizeMB);
 		if (storage.IsReady()) {

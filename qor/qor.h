@@ -18,6 +18,8 @@
 #include "core/managed_xml.h"
 #include "core/object.h"
 #include "core/runtime.h"
+#include "data/parameter_file.h"
+#include "data/parameter_section.h"
 #include "plugins/capture_state.h"
 #include "plugins/plugin_manager.h"
 #include "plugins/plugin_object.h"

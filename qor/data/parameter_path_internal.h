@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+namespace parameter_file {
+
+inline char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
+
+/// One name of a path, or a name on its own.
+struct PathName {
+	const char* text;
+	std::size_t length;
+
+	/// The whole text as one name.
+	static PathName whole(const char* text) { return {text, std::strlen(text)}; }
+	/// The name that begins at `text`.
+	static PathName at(const char* text) { return {text, std::strcspn(text, ".")}; }
+
+	bool isLast() const { return text[length] == '\0'; }
+	PathName next() const { return at(text + length + 1); }
+	/// Not for the first name of `path`.
+	PathName previous(const char* path) const {
+		const char* end = text - 1;
+		const char* begin = end;
+		while (begin > path && begin[-1] != '.') --begin;
+		return {begin, static_cast<std::size_t>(end - begin)};
+	}
+	bool equals(const char* other) const {
+		for (std::size_t i = 0; i < length; ++i)
+			if (lowerCase(other[i]) != lowerCase(text[i])) return false; // also where `other` ends
+		return other[length] == '\0';
+	}
+};
+
+} // namespace parameter_file

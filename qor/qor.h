@@ -27,6 +27,7 @@
 #include "plugins/time_capture.h"
 #include "plugins/video_capture.h"
 #include "storage/disk_utilities.h"
+#include "storage/file_sequence.h"
 #include "storage/session.h"
 #include "storage/session_list.h"
 #include "storage/storage.h"

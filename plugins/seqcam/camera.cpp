@@ -49,6 +49,8 @@ SequenceCamera::SequenceCamera() {
 	    "!genicam:str:Folder", [this] { return plugin::quoted(mFolderName); },
 	    [this](const std::string& folder) { return setFolder(folder); });
 	mProperties.add("!genicam:str:Problem", [this] { return plugin::quoted(mProblem.empty() ? "none" : mProblem); });
+	mProperties.add("!genicam:str:Sequence",
+	    [this] { return plugin::quoted(mFolder.description().empty() ? "none" : mFolder.description()); });
 	mProperties.add("!genicam:int32:ImageCount", [this] { return std::to_string(mFolder.images().size()); });
 	mProperties.addSetting("!genicam:int32:Loop", mLoop, 0, 1);
 

@@ -14,8 +14,10 @@
 ///
 /// The folder is the text feature "Folder" (at first the environment variable `qorSeqFolder`)
 /// and may be set in the states closed and open. It is read when it is set and at "open",
-/// which answers 6 for a folder that cannot be played; "Problem" then says why. A file that
-/// changed since it was read is delivered as far as it goes, marked incomplete.
+/// which answers 6 for a folder that cannot be played; "Problem" then says why. Of several
+/// sequences in the folder the longest is played; a file in "Folder" chooses its own, and
+/// "Sequence" says which one it is. A file that changed since it was read is delivered as far
+/// as it goes, marked incomplete.
 ///
 /// Frame n is image n modulo the number of images. Without "Loop" event 40200 with a = 1
 /// follows the last image, and nothing more comes until "stop".

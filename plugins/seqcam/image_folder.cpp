@@ -1,33 +1,34 @@
 #include "image_folder.h"
 
+#include "qor/storage/sequence_name_internal.h"
+
 #include <algorithm>
 #include <array>
 #include <exception>
 #include <fstream>
+#include <map>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace fs = std::filesystem;
+using storage_parts::equalInSequence;
+using storage_parts::SequenceName;
+using storage_parts::splitSequenceName;
 
 namespace {
 
-bool hasImageExtension(const std::string& name) {
-	constexpr char kExtension[] = ".pgm";
-	constexpr size_t kLength = sizeof kExtension - 1;
-	if (name.size() < kLength) return false;
-	return std::equal(kExtension, kExtension + kLength, name.end() - kLength,
-	    [](char a, char b) { return a == (b >= 'A' && b <= 'Z' ? b - 'A' + 'a' : b); });
+bool isNumberedImage(const SequenceName& name) {
+	return !name.digits.empty() && equalInSequence(name.extension, "pgm");
 }
 
-/// The digits before the extension without their leading zeros; "0" keeps one.
-/// @return false when there are none.
-bool numberOf(const std::string& name, std::string* digits) {
-	const auto end = name.size() - 4;
-	auto start = end;
-	while (start > 0 && name[start - 1] >= '0' && name[start - 1] <= '9') --start;
-	if (start == end) return false;
-	while (start + 1 < end && name[start] == '0') ++start;
-	*digits = name.substr(start, end - start);
-	return true;
+std::string keyOf(const SequenceName& name) {
+	return storage_parts::sequenceKey(name.folder, name.baseName, name.extension);
+}
+
+/// Without leading zeros; "0" keeps one.
+std::string_view significant(std::string_view digits) {
+	return digits.substr(std::min(digits.find_first_not_of('0'), digits.size() - 1));
 }
 
 bool before(const ImageFolder::Image& a, const ImageFolder::Image& b) {
@@ -52,13 +53,14 @@ std::string inspectImage(ImageFolder::Image& image) {
 
 } // namespace
 
-std::string ImageFolder::scan(const std::string& folder) {
+std::string ImageFolder::scan(const std::string& place) {
 	mImages.clear();
+	mDescription.clear();
 	mLargest = 0;
-	if (folder.empty()) return "no folder is given";
+	if (place.empty()) return "no folder is given";
 	std::string problem;
 	try {
-		problem = find(folder);
+		problem = find(place);
 		if (problem.empty()) problem = inspect();
 	} catch (const std::exception& e) {
 		problem = "the folder cannot be read: " + std::string(e.what());
@@ -67,19 +69,43 @@ std::string ImageFolder::scan(const std::string& folder) {
 	return problem;
 }
 
-std::string ImageFolder::find(const fs::path& folder) {
+std::string ImageFolder::find(const fs::path& place) {
+	const bool isFile = fs::is_regular_file(place);
+	const std::string fileName = isFile ? place.filename().string() : std::string();
+	const auto wanted = splitSequenceName(fileName);
+	if (isFile && !isNumberedImage(wanted)) return "not a numbered image: " + fileName;
+	const fs::path folder = !isFile ? place : place.has_parent_path() ? place.parent_path() : fs::path(".");
+
+	std::map<std::string, std::vector<Image>> sequences;
+	size_t count = 0;
 	for (const auto& entry : fs::directory_iterator(folder)) {
 		Image image;
 		image.path = entry.path();
 		image.name = image.path.filename().string();
-		if (!entry.is_regular_file() || !hasImageExtension(image.name) || !numberOf(image.name, &image.digits))
-			continue;
-		if (mImages.size() >= kMaximumImages) return "more than a million images";
-		mImages.push_back(std::move(image));
+		const auto name = splitSequenceName(image.name);
+		if (!isNumberedImage(name) || !entry.is_regular_file()) continue;
+		if (count++ >= kMaximumImages) return "more than a million images";
+		image.digits = significant(name.digits);
+		sequences[keyOf(name)].push_back(std::move(image));
 	}
-	if (mImages.empty()) return "the folder has no numbered images";
-	std::sort(mImages.begin(), mImages.end(), before);
+	const auto shorter = [](const auto& a, const auto& b) { return a.second.size() < b.second.size(); };
+	const auto found = isFile
+	                       ? sequences.find(keyOf(wanted))
+	                       : std::max_element(sequences.begin(), sequences.end(), shorter); // the first of the longest
+	if (found == sequences.end()) return "the folder has no numbered images";
+	take(std::move(found->second), sequences.size(), isFile);
 	return {};
+}
+
+void ImageFolder::take(std::vector<Image>&& sequence, size_t ofSequences, bool chosen) {
+	mImages = std::move(sequence);
+	std::sort(mImages.begin(), mImages.end(), before);
+	mDescription = splitSequenceName(mImages.front().name).baseName;
+	mDescription += "*.pgm";
+	if (ofSequences < 2) return;
+	mDescription += chosen ? ": one of " : ": the longest of ";
+	mDescription += std::to_string(ofSequences) + " sequences in the folder";
+	if (!chosen) mDescription += "; name a file to play its own";
 }
 
 std::string ImageFolder::inspect() {

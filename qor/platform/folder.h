@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,10 +16,19 @@ bool isPathSeparator(char c);
 /// The text behind the last separator; the whole path when it has none.
 const char* fileNamePart(const char* path);
 
-/// Paths (folder, separator, name) of the files with that extension (without the point,
-/// compared without regard to case), in the order the system lists them; on Linux sorted by
-/// name. A folder's own files stand before those of its subfolders. At most `maximum`.
-std::vector<std::string> listFiles(const char* folder, const char* extension, bool recursive, size_t maximum);
+struct FoundFile {
+	std::string path; // folder, separator, name
+	uint64_t size;    // bytes, from the folder's entry
+};
+
+/// Lists the files of a folder with that extension (without the point, compared without
+/// regard to case), at most `maximum`: those that come first in the order of the bytes of
+/// their names, in this order. A folder's own files stand before those of its subfolders,
+/// which follow in the order of their names. A link to a folder is not entered, and a
+/// subfolder that cannot be read is passed over.
+/// @return false, with `lastError()` and `out` empty, when the folder itself cannot be read
+///         or there is no memory. A folder without such files is read: true.
+bool listFiles(const char* folder, const char* extension, bool recursive, size_t maximum, std::vector<FoundFile>* out);
 
 /// Makes a folder with all folders above it. @return true also when it was there.
 bool makeFolders(const char* folder);

@@ -12,7 +12,6 @@
 #include "video_capture.h"
 
 #include <cstring>
-#include <exception>
 #include <new>
 
 namespace {
@@ -77,16 +76,13 @@ CqorSIO_PIList::~CqorSIO_PIList() {
 }
 
 int CqorSIO_PIList::LoadPlugInsFromFolder(const char* folder, int recursive) {
-	try {
-		const auto paths =
-		    platform::listFiles(folder ? folder : "", platform::kModuleExtension, recursive != 0, kMaximumPlugIns);
-		for (const auto& path : paths) {
-			auto* plugIn = new (std::nothrow) CqorSIO_PI;
-			if (!plugIn) break;
-			if (plugIn->piLoad(path.c_str()) != kQorSuccess || !append(plugIn)) delete plugIn;
-		}
-	} catch (const std::exception&) {
-		_mclog(3, "LoadPlugInsFromFolder - No memory");
+	std::vector<platform::FoundFile> files;
+	if (!platform::listFiles(folder, platform::kModuleExtension, recursive != 0, kMaximumPlugIns, &files))
+		_mclog(3, "LoadPlugInsFromFolder(%s) - Cannot read (err=%d)", folder, static_cast<int>(platform::lastError()));
+	for (const auto& file : files) {
+		auto* plugIn = new (std::nothrow) CqorSIO_PI;
+		if (!plugIn) break;
+		if (plugIn->piLoad(file.path.c_str()) != kQorSuccess || !append(plugIn)) delete plugIn;
 	}
 	return kQorSuccess;
 }

@@ -65,7 +65,7 @@ public:
 	CqorSIO_PIList& operator=(const CqorSIO_PIList&) = delete;
 
 	/// Loads the folder's libraries (extension "DLL", "so" on Linux; at most 1,024), in the
-	/// order the system lists them. What cannot be loaded is logged and skipped.
+	/// order of their names. What cannot be loaded, or a folder that cannot be read, is logged and skipped.
 	/// @return always 0.
 	int LoadPlugInsFromFolder(const char* folder, int recursive);
 	/// Deletes the items and empties the list; the libraries stay mapped.

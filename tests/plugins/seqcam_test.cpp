@@ -34,7 +34,7 @@ TEST_F(SequenceCamera, GivesEveryFileByteForByteInOrder) {
 	    {"img_0002.pgm", "P5 16 4 255\n" + pixels(64, 1)},
 	    {"img_10.PGM", "P5\n# a comment 99 99\n8\t2\r\n65535\n" + pixels(32, 2)},
 	    {"img_00011.pgm", "P5 3 3 1\n" + pixels(9, 3) + "more behind the pixels"},
-	    {"b_99999999999999999999999.pgm", "P5 1 1 255 \n"},
+	    {"IMG_99999999999999999999999.pgm", "P5 1 1 255 \n"},
 	};
 	for (const auto& [name, bytes] : written) writeFile(folder.path(name), bytes);
 	writeFile(folder.path("notes_3.txt"), "not an image");
@@ -63,6 +63,16 @@ TEST_F(SequenceCamera, GivesEveryFileByteForByteInOrder) {
 	EXPECT_EQ(setFolder(folder.path()), 1) << "not while it plays";
 	EXPECT_EQ(camera->cmdStop(), 0);
 	EXPECT_EQ(files[4 + 8], written[0].second);
+}
+
+TEST_F(SequenceCamera, PlaysOneSequenceOfAFolder) {
+	for (const char* name : {"a.pgm", "a_1.pgm", "b_1.pgm", "B_02.pgm", "b3_1.pgm", "c_5.pgm", "c_7.pgm"})
+		writeFile(folder.path(name), "P5 1 1 255\nx");
+	for (const auto& [place, sequence] :
+	    {std::pair("", "b_*.pgm: the longest of 4 sequences in the folder; name a file to play its own"),
+	        {"c_7.pgm", "c_*.pgm: one of 4 sequences in the folder"}})
+		EXPECT_TRUE(setFolder(folder.path(place)) == 0 && text("Sequence") == sequence) << text("Sequence");
+	EXPECT_TRUE(setFolder(folder.path("a.pgm")) == 6 && text("Problem") == "not a numbered image: a.pgm");
 }
 
 TEST_F(SequenceCamera, RefusesDamagedImages) {

@@ -5,10 +5,10 @@
 #include "errors.h"
 #include "path_internal.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <sys/stat.h>
@@ -22,63 +22,68 @@ struct FolderCloser {
 	void operator()(DIR* folder) const { closedir(folder); }
 };
 
-struct Contents {
-	std::vector<std::string> files;
-	std::vector<std::string> folders;
-};
+enum class Kind { file, folder, other };
 
-/// A linked folder is not entered: links can lead in circles.
-void classify(const std::string& folder, const dirent& entry, const char* extension, Contents* out) {
-	if (std::strcmp(entry.d_name, ".") == 0 || std::strcmp(entry.d_name, "..") == 0) return;
-	std::string path = folder + entry.d_name;
+/// The folder tells most kinds itself. A linked folder is `other`, as links can lead in circles.
+Kind kindOf(int folder, const dirent& entry) {
+	if (entry.d_type == DT_REG) return Kind::file;
+	if (entry.d_type == DT_DIR) return Kind::folder;
+	if (entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) return Kind::other;
 	struct stat about = {};
-	if (lstat(path.c_str(), &about) != 0) return;
-	if (S_ISDIR(about.st_mode)) {
-		out->folders.push_back(std::move(path));
-		return;
-	}
-	const bool file = S_ISREG(about.st_mode) || (stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode));
-	if (file && hasExtension(entry.d_name, extension)) out->files.push_back(std::move(path));
+	if (fstatat(folder, entry.d_name, &about, AT_SYMLINK_NOFOLLOW) != 0) return Kind::other;
+	if (S_ISDIR(about.st_mode)) return Kind::folder;
+	if (S_ISLNK(about.st_mode) && fstatat(folder, entry.d_name, &about, 0) != 0) return Kind::other;
+	return S_ISREG(about.st_mode) ? Kind::file : Kind::other;
 }
 
-Contents readFolder(const std::string& folder, const char* extension) {
-	Contents contents;
-	const std::unique_ptr<DIR, FolderCloser> open(opendir(folder.c_str()));
-	if (!open) return contents;
-	const std::string start = folder.back() == '/' ? folder : folder + '/';
-	while (const dirent* entry = readdir(open.get())) classify(start, *entry, extension, &contents);
-	std::sort(contents.files.begin(), contents.files.end());
-	std::sort(contents.folders.begin(), contents.folders.end());
-	return contents;
-}
-
-void list(
-    const std::string& folder, const char* extension, bool recursive, size_t maximum, std::vector<std::string>* out) {
-	Contents contents = readFolder(folder, extension);
-	for (auto& file : contents.files) {
-		if (out->size() >= maximum) return;
-		out->push_back(std::move(file));
-	}
-	for (const auto& below : contents.folders) {
-		if (!recursive || out->size() >= maximum) return;
-		list(below, extension, recursive, maximum, out);
-	}
+/// Only files that stay in the list are asked for their sizes; one that is gone since is left out.
+void addSizes(int folder, std::vector<FoundFile>* files) {
+	std::erase_if(*files, [folder](FoundFile& file) {
+		struct stat about = {};
+		if (fstatat(folder, file.path.c_str(), &about, 0) != 0) return true;
+		file.size = static_cast<uint64_t>(about.st_size);
+		return false;
+	});
 }
 
 } // namespace
 
 const char kPathSeparator = '/';
 
-std::vector<std::string> listFiles(const char* folder, const char* extension, bool recursive, size_t maximum) {
+bool startOfFolder(const char* folder, std::string* start) {
 	NativePath native;
-	if (!native.assign(folder)) return {};
-	try {
-		std::vector<std::string> files;
-		list(native.text(), extension ? extension : "", recursive, maximum, &files);
-		return files;
-	} catch (const std::exception&) { // out of memory
-		return {};
+	if (!native.assign(folder)) return false;
+	*start = native.text();
+	if (start->back() != '/') *start += '/';
+	return true;
+}
+
+bool readFolder(const std::string& start, const char* extension, size_t maximum, std::vector<FoundFile>* files,
+    std::vector<std::string>* folders) {
+	const std::unique_ptr<DIR, FolderCloser> open(opendir(start.c_str()));
+	if (!open) {
+		setLastError(windowsError(errno));
+		return false;
 	}
+	const int handle = dirfd(open.get());
+	FirstNames names(maximum);
+	errno = 0;
+	for (const dirent* entry = nullptr; (entry = readdir(open.get())); errno = 0) {
+		const char* name = entry->d_name;
+		if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+		const bool wanted = hasExtension(name, extension);
+		if (!wanted && !folders) continue;
+		const Kind kind = kindOf(handle, *entry);
+		if (kind == Kind::file && wanted) names.add(name, 0);
+		if (kind == Kind::folder && folders) folders->emplace_back(name);
+	}
+	if (errno != 0) {
+		setLastError(windowsError(errno));
+		return false;
+	}
+	*files = names.take();
+	addSizes(handle, files);
+	return true;
 }
 
 bool makeFolders(const char* folder) {

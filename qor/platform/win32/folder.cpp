@@ -12,7 +12,10 @@ namespace {
 
 class Search {
 public:
-	explicit Search(const std::string& pattern) : mHandle(FindFirstFileA(pattern.c_str(), &mFound)) {}
+	/// Without the short names, and with as much at a time as the system likes.
+	explicit Search(const std::string& pattern)
+	    : mHandle(FindFirstFileExA(
+	          pattern.c_str(), FindExInfoBasic, &mFound, FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH)) {}
 	~Search() {
 		if (mHandle != INVALID_HANDLE_VALUE) FindClose(mHandle);
 	}
@@ -34,25 +37,6 @@ bool isPlainFolder(const WIN32_FIND_DATAA& entry) {
 	       std::strcmp(entry.cFileName, "..") != 0;
 }
 
-// The pattern takes everything: the system's own matching of an extension also takes longer
-// ones that begin with it.
-void list(
-    const std::string& folder, const char* extension, bool recursive, size_t maximum, std::vector<std::string>* out) {
-	const std::string start = isPathSeparator(folder.back()) ? folder : folder + kPathSeparator;
-	std::vector<std::string> below;
-	Search search(start + '*');
-	for (bool more = search.any(); more && out->size() < maximum; more = search.next()) {
-		const WIN32_FIND_DATAA& entry = search.found();
-		if (isPlainFolder(entry)) below.push_back(start + entry.cFileName);
-		const bool folderEntry = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-		if (!folderEntry && hasExtension(entry.cFileName, extension)) out->push_back(start + entry.cFileName);
-	}
-	for (const auto& path : below) {
-		if (!recursive || out->size() >= maximum) return;
-		list(path, extension, recursive, maximum, out);
-	}
-}
-
 bool isFolder(const char* path) {
 	const DWORD attributes = GetFileAttributesA(path);
 	return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
@@ -62,15 +46,34 @@ bool isFolder(const char* path) {
 
 const char kPathSeparator = '\\';
 
-std::vector<std::string> listFiles(const char* folder, const char* extension, bool recursive, size_t maximum) {
-	if (!folder || !*folder) return {};
-	try {
-		std::vector<std::string> files;
-		list(folder, extension ? extension : "", recursive, maximum, &files);
-		return files;
-	} catch (const std::exception&) { // out of memory
-		return {};
+bool startOfFolder(const char* folder, std::string* start) {
+	if (!folder || !*folder) {
+		setLastError(ERROR_PATH_NOT_FOUND);
+		return false;
 	}
+	*start = folder;
+	if (!isPathSeparator(start->back())) *start += kPathSeparator;
+	return true;
+}
+
+// The pattern takes everything: the system's own matching of an extension also takes longer
+// ones that begin with it.
+bool readFolder(const std::string& start, const char* extension, size_t maximum, std::vector<FoundFile>* files,
+    std::vector<std::string>* folders) {
+	FirstNames names(maximum);
+	Search search(start + '*');
+	// The root of an empty volume has no entries at all.
+	if (!search.any()) return lastError() == ERROR_FILE_NOT_FOUND;
+	do {
+		const WIN32_FIND_DATAA& entry = search.found();
+		if (folders && isPlainFolder(entry)) folders->emplace_back(entry.cFileName);
+		const bool folderEntry = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+		if (folderEntry || !hasExtension(entry.cFileName, extension)) continue;
+		names.add(entry.cFileName, uint64_t{entry.nFileSizeHigh} << 32 | entry.nFileSizeLow);
+	} while (search.next());
+	if (lastError() != ERROR_NO_MORE_FILES) return false;
+	*files = names.take();
+	return true;
 }
 
 bool makeFolders(const char* folder) {

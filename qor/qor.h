@@ -21,6 +21,8 @@
 #include "data/parameter_file.h"
 #include "data/parameter_section.h"
 #include "plugins/capture_state.h"
+#include "plugins/dynamic_module.h"
+#include "plugins/dynamic_module_list.h"
 #include "plugins/plugin_manager.h"
 #include "plugins/plugin_object.h"
 #include "plugins/sio_plugin.h"

@@ -16,3 +16,31 @@ foreach(name IN ITEMS simcam seqcam template)
 endforeach()
 target_compile_definitions(test_plugins PRIVATE
 	QOR_BAD_PLUGINS="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/bad_plugins" QOR_PLUGINS="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/plugins")
+
+# Modules with and without entry function and record. The version resources of Windows differ
+# in how their texts are found; one has none.
+file(GLOB module_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/plugins/modules/*.cpp)
+foreach(source IN LISTS module_sources)
+	get_filename_component(name ${source} NAME_WE)
+	add_library(module_${name} MODULE ${source})
+	target_include_directories(module_${name} PRIVATE ${PROJECT_SOURCE_DIR})
+	set_target_properties(module_${name} PROPERTIES OUTPUT_NAME ${name} PREFIX "" SUFFIX .dll
+		LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/test_modules)
+	qor_target_settings(module_${name})
+	add_dependencies(test_plugins module_${name})
+endforeach()
+qor_embed_module_record(module_entry CONFIGURATION Debug PLATFORM x64 CHARACTER_SET Unicode TEXT "CS(MBCS) größer"
+	EXTRA plugins/modules/entry.cpp)
+add_dependencies(test_plugins qor_embed)
+if(WIN32)
+	function(add_version name block version translation)
+		set(script ${CMAKE_CURRENT_BINARY_DIR}/version_${name}.rc)
+		configure_file(${CMAKE_CURRENT_SOURCE_DIR}/plugins/modules/version.rc.in ${script} @ONLY)
+		target_sources(module_${name} PRIVATE ${script})
+	endfunction()
+	string(CONCAT translation "BLOCK \"VarFileInfo\"\nBEGIN\nVALUE \"Translation\", 0x40c, 1252\nEND")
+	add_version(entry 040c04E4 3.4.5 "${translation}")
+	add_version(plain 041904B0 6.7 "")
+endif()
+target_compile_definitions(test_plugins PRIVATE QOR_MODULES="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/test_modules"
+	QOR_MODULE_SOURCES="${CMAKE_CURRENT_SOURCE_DIR}/plugins/modules")

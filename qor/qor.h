@@ -20,6 +20,8 @@
 #include "core/runtime.h"
 #include "data/parameter_file.h"
 #include "data/parameter_section.h"
+#include "data/variable_blocks.h"
+#include "data/variable_set.h"
 #include "plugins/capture_state.h"
 #include "plugins/dynamic_module.h"
 #include "plugins/dynamic_module_list.h"

@@ -1,0 +1,71 @@
+#include "../core/runtime.h"
+#include "../platform/format.h"
+#include "variable_blocks_internal.h"
+
+using namespace variable_sets;
+
+namespace {
+
+constexpr size_t kLineSize = 8192;
+constexpr size_t kShownCharacters = 256;
+
+/// The line of one value; what does not fit is cut.
+class Line {
+public:
+	template <class... Arguments>
+	void add(const char* format, Arguments... arguments) {
+		mLength += platform::formatText(mText + mLength, kLineSize - mLength, format, arguments...);
+	}
+	void addString(const unsigned char* data, size_t size) {
+		if (size == 0) return;
+		const auto* text = reinterpret_cast<const char*>(data);
+		add("%.*s", static_cast<int>(strnlen(text, std::min(size, kShownCharacters))), text);
+	}
+	template <class Number>
+	void addNumbers(const unsigned char* data, size_t count, const char* format) {
+		for (size_t i = 0; i < count && mLength < kLineSize - 1; ++i) {
+			Number number;
+			std::memcpy(&number, data + i * sizeof(number), sizeof(number));
+			add(format, number);
+		}
+	}
+	/// Without a second formatting: texts of values may hold anything.
+	void write() const { appmsg_Raw(mText); }
+
+private:
+	char mText[kLineSize];
+	size_t mLength = 0;
+};
+
+void logValue(const qorDVar_VALUESET* vs, const qorDVar_VALUE& value, const qorDVar_DATATYPE& definition) {
+	const unsigned char* data = valueData(vs, &value);
+	const size_t size = data ? static_cast<size_t>(value.mSize) : 0;
+	const size_t count = std::min(size / 4, static_cast<size_t>(std::max(definition.mCount, 0)));
+	Line line;
+	line.add("                %.31s = ", value.mID);
+	if (definition.mType == kVariableString) line.addString(data, size);
+	if (definition.mType == kVariableInt32) line.addNumbers<int32_t>(data, count, "%d,");
+	if (definition.mType == kVariableFloat32) line.addNumbers<float>(data, count, "%.5f,");
+	line.write();
+}
+
+} // namespace
+
+void qorDVar_ValueSetHdr_Debug(const qorDVar_VALUESET* vs, const qorDVar_DATASET* schema) {
+	if (!vs) return;
+	appmsg("BEGIN> qorDVar_ValueSetHdr_Debug (%p)", static_cast<const void*>(vs));
+	appmsg("dvhdr       ID .................... %.127s", vs->mID);
+	appmsg("            Count ................. %d", vs->mCount);
+	appmsg("            Total Byte Size ....... %d", vs->mTotalSize);
+	appmsg("            Vars:");
+	const Records known = definitions(schema);
+	const int32_t count = descriptors(vs).count;
+	const IdentifierIndex::Owner index = indexFor(known, count);
+	for (int32_t i = 0; i < count; ++i) {
+		const qorDVar_VALUE& value = *descriptorAt(vs, i);
+		const Identifier identifier(value.mID);
+		const int32_t place = index ? index->find(known, identifier) : identifier.walk(known);
+		if (place != kNone) logValue(vs, value, *reinterpret_cast<const qorDVar_DATATYPE*>(known.at(place)));
+	}
+	appmsg("END  > qorDVar_ValueSetHdr_Debug (%p)", static_cast<const void*>(vs));
+}

@@ -42,8 +42,14 @@ bool haveRoom(qor**& list, int32_t count) {
 	return true;
 }
 
+/// Searches from both ends: who deletes many children mostly takes the first or the last.
+/// @return `count` when it is not there.
 int32_t indexOf(qor* const* list, int32_t count, const qor* object) {
-	return static_cast<int32_t>(std::find(list, list + count, object) - list);
+	for (int32_t low = 0, high = count - 1; low <= high; ++low, --high) {
+		if (list[low] == object) return low;
+		if (list[high] == object) return high;
+	}
+	return count;
 }
 
 void removeEntry(qor** list, int32_t& count, const qor* object) {
@@ -83,7 +89,7 @@ thread_local Dispatch* Dispatch::innermost = nullptr;
 
 qor::qor()
     : mID(), mBaseContext("qor"), mType(), mSubType(), mParent(nullptr), mChildren(nullptr), mChildCount(0), mValues(),
-      mHolders(nullptr), mHolderCount(0), mFirstDependent(nullptr), mNextDependent(nullptr),
+      mHolders(nullptr), mHolderCount(0), mChildChanges(0), mFirstDependent(nullptr), mNextDependent(nullptr),
       mPreviousDependent(nullptr) {}
 
 qor::~qor() {
@@ -118,6 +124,7 @@ void qor::settype(const char* format, ...) {
 	va_start(arguments, format);
 	setText(mType, format, arguments);
 	va_end(arguments);
+	noteChange();
 }
 
 void qor::setsubtype(const char* format, ...) {
@@ -151,10 +158,11 @@ uint32_t qor::setidsequence(const char* prefix) {
 int qor::setparent(qor* parent) {
 	if (parent == this || (parent && parent->standsBelow(this))) return 0;
 	if (parent) {
-		const int32_t index = indexOf(parent->mChildren, parent->mChildCount, this);
-		qor** const end = parent->mChildren + parent->mChildCount;
-		if (index < parent->mChildCount) {
+		if (parent->hasChild(this)) {
+			const int32_t index = indexOf(parent->mChildren, parent->mChildCount, this);
+			qor** const end = parent->mChildren + parent->mChildCount;
 			std::rotate(parent->mChildren + index, parent->mChildren + index + 1, end);
+			++parent->mChildChanges;
 		} else if (!parent->addChild(this)) {
 			return 0;
 		}
@@ -166,7 +174,7 @@ int qor::setparent(qor* parent) {
 }
 
 int qor::attach(qor* child) {
-	if (!child || child == this || indexOf(mChildren, mChildCount, child) < mChildCount) return 0;
+	if (!child || child == this || hasChild(child)) return 0;
 	return !standsBelow(child) && addChild(child) ? 1 : 0;
 }
 
@@ -193,12 +201,23 @@ bool qor::addChild(qor* child) {
 	if (!haveRoom(mChildren, mChildCount) || !haveRoom(child->mHolders, child->mHolderCount)) return false;
 	mChildren[mChildCount++] = child;
 	child->mHolders[child->mHolderCount++] = this;
+	++mChildChanges;
 	return true;
 }
 
 void qor::removeChild(qor* child) {
 	removeEntry(mChildren, mChildCount, child);
 	removeEntry(child->mHolders, child->mHolderCount, this);
+	++mChildChanges;
+}
+
+void qor::noteChange() {
+	for (int32_t i = 0; i < mHolderCount; ++i) ++mHolders[i]->mChildChanges;
+}
+
+bool qor::hasChild(const qor* child) const {
+	if (mChildCount < child->mHolderCount) return indexOf(mChildren, mChildCount, child) < mChildCount;
+	return indexOf(child->mHolders, child->mHolderCount, this) < child->mHolderCount;
 }
 
 void qor::linkParent(qor* parent) {

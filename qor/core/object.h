@@ -168,6 +168,17 @@ protected:
 	int32_t mChildCount;
 	uint32_t mValues[4]; // free for the class; saved and loaded as they are
 
+	/// For classes that keep an index of their children: moves whenever a child comes, goes, changes
+	/// its place or its type, or says `noteChange`.
+	uint32_t childChanges() const { return mChildChanges; }
+	/// Tells every object that has this one among its children that something they may have noted
+	/// about it is no longer so.
+	void noteChange();
+	/// Whether the object is among this one's children: looks through the shorter of the two lists.
+	bool hasChild(const qor* child) const;
+	/// Whether exactly one object has this one among its children.
+	bool hasOneHolder() const { return mHolderCount == 1; }
+
 private:
 	bool standsBelow(const qor* ancestor) const;
 	bool addChild(qor* child);
@@ -184,7 +195,8 @@ private:
 	// Links backwards, so that destruction finds every pointer to this object.
 	qor** mHolders; // objects whose child list has this one
 	int32_t mHolderCount;
-	qor* mFirstDependent; // objects whose parent is this one, in a chain
+	uint32_t mChildChanges; // see childChanges
+	qor* mFirstDependent;   // objects whose parent is this one, in a chain
 	qor* mNextDependent;
 	qor* mPreviousDependent;
 };

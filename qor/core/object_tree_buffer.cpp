@@ -218,6 +218,7 @@ void qor::takeNode(const eqorTREE_NODE& record) {
 	std::memcpy(mType, node.mType, sizeof mType);
 	std::memcpy(mSubType, node.mSubType, sizeof mSubType);
 	std::memcpy(mValues, node.mValues, sizeof mValues);
+	noteChange();
 }
 
 /// Hands the class data over in a file of their own, so a class reads nothing else, and what

@@ -11,6 +11,15 @@ typedef HWND__* HWND;
 
 struct _SECURITY_ATTRIBUTES;
 
+/// A pair of numbers, `cx` and `cy`. On Windows it is complete behind <windows.h>.
+#if !defined(_WIN32)
+struct tagSIZE {
+	int cx;
+	int cy;
+};
+#endif
+typedef struct tagSIZE SIZE;
+
 namespace platform {
 
 /// A kernel object that can be waited for: mutex, semaphore, event or thread.

@@ -4,6 +4,7 @@
 #include "../platform/machine.h"
 #include "../platform/memory.h"
 #include "../platform/wait.h"
+#include "light_lock_internal.h"
 #include "message_queue_internal.h"
 
 #include <algorithm>
@@ -49,7 +50,64 @@ void fillWords(
 	item.mIntegers[1] = static_cast<int32_t>(i2);
 }
 
+constexpr uint32_t kGiveUpLookMs = 10;
+
+/// Waits for the mutex of a host. @return as `platform::wait`; a time-out when `giveUp` said so.
+uint32_t waitForMutex(platform::WaitHandle mutex, const std::atomic<bool>* giveUp) {
+	if (!giveUp) return platform::wait(mutex, platform::kInfinite);
+	uint32_t result = platform::kWaitTimeout;
+	while (result == platform::kWaitTimeout && !giveUp->load(std::memory_order_acquire))
+		result = platform::wait(mutex, kGiveUpLookMs);
+	return result;
+}
+
 } // namespace
+
+namespace threads {
+
+bool HostLock::lock(platform::WaitHandle mutex, const std::atomic<bool>* giveUp) {
+	const uint32_t result = waitForMutex(mutex, giveUp);
+	if (result != platform::kWaitAcquired && result != platform::kWaitAbandoned) return false;
+	const uint32_t self = platform::threadId();
+	lockWord(mWord);
+	// A mutex left by a thread that ended starts anew, also when its number is in use again.
+	if (result == platform::kWaitAbandoned || mHolder.load(std::memory_order_relaxed) != self) mHolderDepth = 0;
+	mHolder.store(self, std::memory_order_relaxed);
+	++mHolderDepth;
+	unlockWord(mWord);
+	return true;
+}
+
+void HostLock::unlock(platform::WaitHandle mutex) {
+	lockWord(mWord);
+	if (mHolder.load(std::memory_order_relaxed) == platform::threadId() && --mHolderDepth == 0)
+		mHolder.store(0, std::memory_order_relaxed);
+	unlockWord(mWord);
+	platform::releaseMutex(mutex);
+}
+
+bool HostLock::enter(platform::WaitHandle mutex, const std::atomic<bool>* giveUp) {
+	lockWord(mWord);
+	const uint32_t holder = mHolder.load(std::memory_order_relaxed);
+	if (holder == 0 || holder == platform::threadId()) return true;
+	unlockWord(mWord);
+	const uint32_t result = waitForMutex(mutex, giveUp);
+	if (result == platform::kWaitTimeout) return false;
+	const bool owns = result != platform::kWaitFailed;
+	lockWord(mWord);
+	mOperationHasMutex = owns;
+	if (owns) mHolder.store(0, std::memory_order_relaxed); // a number still there is of a thread that ended
+	return true;
+}
+
+void HostLock::leave(platform::WaitHandle mutex) {
+	const bool owns = mOperationHasMutex;
+	if (owns) mOperationHasMutex = false;
+	unlockWord(mWord);
+	if (owns) platform::releaseMutex(mutex);
+}
+
+} // namespace threads
 
 Cqor_MsgQueue::Cqor_MsgQueue() : mMutex(platform::createMutex(false)) {}
 
@@ -172,43 +230,9 @@ int Cqor_MsgQueue::Add(
 	return AddIntAndPtr(w1, w2, w3, i1, i2, p1, p2);
 }
 
-void Cqor_MsgQueue::Lock() {
-	const uint32_t result = platform::wait(mMutex, platform::kInfinite);
-	if (result == platform::kWaitFailed) return;
-	const uint32_t self = platform::threadId();
-	threads::lockWord(mWord);
-	// A mutex left by a thread that ended starts anew, also when its number is in use again.
-	if (result == platform::kWaitAbandoned || mHolder.load(std::memory_order_relaxed) != self) mHolderDepth = 0;
-	mHolder.store(self, std::memory_order_relaxed);
-	++mHolderDepth;
-	threads::unlockWord(mWord);
-}
+void Cqor_MsgQueue::Lock() { mLock.lock(mMutex); }
 
-void Cqor_MsgQueue::Unlock() {
-	threads::lockWord(mWord);
-	if (mHolder.load(std::memory_order_relaxed) == platform::threadId() && --mHolderDepth == 0)
-		mHolder.store(0, std::memory_order_relaxed);
-	threads::unlockWord(mWord);
-	platform::releaseMutex(mMutex);
-}
-
-void Cqor_MsgQueue::enter() {
-	threads::lockWord(mWord);
-	const uint32_t holder = mHolder.load(std::memory_order_relaxed);
-	if (holder == 0 || holder == platform::threadId()) return;
-	threads::unlockWord(mWord);
-	const bool owns = platform::wait(mMutex, platform::kInfinite) != platform::kWaitFailed;
-	threads::lockWord(mWord);
-	mSectionHasMutex = owns;
-	if (owns) mHolder.store(0, std::memory_order_relaxed); // a number still there is of a thread that ended
-}
-
-void Cqor_MsgQueue::leave() {
-	const bool owns = mSectionHasMutex;
-	if (owns) mSectionHasMutex = false;
-	threads::unlockWord(mWord);
-	if (owns) platform::releaseMutex(mMutex);
-}
+void Cqor_MsgQueue::Unlock() { mLock.unlock(mMutex); }
 
 eqor_QUEUE_ITEM* Cqor_MsgQueue::claimLocked() {
 	adoptForeignFrees();

@@ -36,6 +36,36 @@ static_assert(offsetof(eqor_QUEUE_ITEM, mReservedB) == 104 && offsetof(eqor_QUEU
 static_assert(offsetof(eqor_QUEUE_ITEM, mData2) == 1224 && offsetof(eqor_QUEUE_ITEM, mPointer1) == 2248);
 static_assert(offsetof(eqor_QUEUE_ITEM, mReservedC) == 2264 && sizeof(eqor_QUEUE_ITEM) == 2376);
 
+namespace threads {
+
+/// The lock of an object that its own operations enter for a few instructions and that a host
+/// may hold for long: a light word for the operations, a mutex of the system for the host.
+///
+/// `lock` and `unlock` have the meaning of the mutex: recursive, owned by a thread, passed on
+/// when its owner ends. Operations take the word alone and queue up behind the mutex only while
+/// another thread holds it. Order: mutex, then word. The mutex (may be null: hosts then lock
+/// nothing) stands beside the lock in its object and is the same in every call.
+class HostLock {
+public:
+	/// @param giveUp may be null; once it is true nobody waits for a holder any more.
+	/// @return false without the lock, for a mutex that cannot be had or when `giveUp` said so.
+	bool lock(platform::WaitHandle mutex, const std::atomic<bool>* giveUp = nullptr);
+	/// Does nothing for a thread that does not hold the lock.
+	void unlock(platform::WaitHandle mutex);
+
+	/// Begins an operation. @return false, with nothing to leave, when `giveUp` said so.
+	bool enter(platform::WaitHandle mutex, const std::atomic<bool>* giveUp = nullptr);
+	void leave(platform::WaitHandle mutex);
+
+private:
+	std::atomic<uint32_t> mWord{0};   // the light lock
+	std::atomic<uint32_t> mHolder{0}; // the thread between lock and unlock; 0: none
+	int mHolderDepth = 0;
+	bool mOperationHasMutex = false; // the operation under way came through the mutex
+};
+
+} // namespace threads
+
 /// A pool of items and a first-in first-out list of the pending ones, without threads.
 ///
 /// ```
@@ -46,10 +76,8 @@ static_assert(offsetof(eqor_QUEUE_ITEM, mReservedC) == 2264 && sizeof(eqor_QUEUE
 /// Claims take the free item with the lowest index. Any thread may call every operation but
 /// `Create` and `Destroy`, beside which nothing may run. No operation allocates but `Create`.
 ///
-/// Two locks guard items and list. `Lock` takes the queue mutex, for hosts: recursive, owned by
-/// a thread, passed on when its owner ends. The operations themselves take a light word that is
-/// never held longer than a few instructions, and queue up behind the mutex only while
-/// somebody holds it. Order: mutex, then word.
+/// `Lock` takes the queue mutex, for hosts: recursive, owned by a thread, passed on when its
+/// owner ends. The operations themselves take a lighter lock (see `threads::HostLock`).
 class QOR_API Cqor_MsgQueue {
 public:
 	Cqor_MsgQueue();
@@ -109,8 +137,6 @@ private:
 	friend class Cqor_MQInstance;
 	class Section;
 
-	void enter();
-	void leave();
 	eqor_QUEUE_ITEM* claimLocked();
 	bool appendLocked(eqor_QUEUE_ITEM* item);
 	eqor_QUEUE_ITEM* takeLocked();
@@ -131,10 +157,7 @@ private:
 
 	// What changes with every item shares one cache line with the lock.
 	alignas(64) std::atomic<int> mCount{0}; // pending
-	std::atomic<uint32_t> mWord{0};         // the light lock
-	std::atomic<uint32_t> mHolder{0};       // the thread between Lock and Unlock; 0: none
-	int mHolderDepth = 0;
-	bool mSectionHasMutex = false; // the section under way came through the mutex
+	threads::HostLock mLock;
 	int mFirst = 0;
 	int mFreeHint = 0;                      // no free item in a word of the map below this one
 	std::atomic<int> mClaimed{0};           // items with a state other than 0

@@ -1,14 +1,12 @@
 #pragma once
 
-#include "light_lock_internal.h"
 #include "message_queue.h"
 
-/// A scope inside the queue's light lock, for everyone but the thread between `Lock` and
-/// `Unlock` behind the queue mutex as well.
+/// A scope inside the queue's lock.
 class Cqor_MsgQueue::Section {
 public:
-	explicit Section(Cqor_MsgQueue& queue) : mQueue(queue) { queue.enter(); }
-	~Section() { mQueue.leave(); }
+	explicit Section(Cqor_MsgQueue& queue) : mQueue(queue) { queue.mLock.enter(queue.mMutex); }
+	~Section() { mQueue.mLock.leave(mQueue.mMutex); }
 	Section(const Section&) = delete;
 	Section& operator=(const Section&) = delete;
 

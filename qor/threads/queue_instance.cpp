@@ -157,16 +157,23 @@ eqor_QUEUE_ITEM* Cqor_MQInstance::claimLocked(
 }
 
 eqor_QUEUE_ITEM* Cqor_MQInstance::Add(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2) {
+	platform::WaitHandle toWake = nullptr;
+	eqor_QUEUE_ITEM* item = addAsleep(w1, w2, w3, p1, p2, &toWake);
+	if (toWake) platform::releaseSemaphore(toWake, 1, nullptr);
+	return item;
+}
+
+/// Adds, and leaves the waking to the caller.
+/// @param toWake receives the semaphore that needs a permit; untouched when no worker has to be woken.
+eqor_QUEUE_ITEM* Cqor_MQInstance::addAsleep(
+    unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2, platform::WaitHandle* toWake) {
 	// Producers that try again and again must not keep the workers from freeing items.
 	if (mQueue.isFull()) return nullptr;
-	eqor_QUEUE_ITEM* item;
 	bool wake = false;
-	{
-		Cqor_MsgQueue::Section section(mQueue);
-		item = claimLocked(w1, w2, w3, p1, p2);
-		if (item && !publishLocked(item, &wake)) item = nullptr;
-	}
-	if (wake) platform::releaseSemaphore(mSemaphore, 1, nullptr);
+	Cqor_MsgQueue::Section section(mQueue);
+	eqor_QUEUE_ITEM* item = claimLocked(w1, w2, w3, p1, p2);
+	if (item && !publishLocked(item, &wake)) item = nullptr;
+	if (wake) *toWake = mSemaphore;
 	return item;
 }
 
@@ -288,6 +295,12 @@ int Cqor_MQInstance::GetWorkerCount() { return mWorkers.Count(); }
 Cqor_MQWorker* Cqor_MQInstance::GetWorker(int index) {
 	Cqor_MQWorker** worker = mWorkers.Get(index);
 	return worker ? *worker : nullptr;
+}
+
+void Cqor_MQInstance::readQueueUsage(int* pending, int* capacity) {
+	Cqor_MsgQueue::Section section(mQueue);
+	*pending = mQueue.GetPendingCount();
+	*capacity = mQueue.GetCapacity();
 }
 
 void Cqor_MQInstance::GetWorkerUsage(int* out) {

@@ -116,6 +116,7 @@ public:
 
 private:
 	friend class Cqor_MQWorker;
+	friend class Cqor_MultiMQInstance;
 
 	Cqor_MsgQueue mQueue;
 	CstmArray<Cqor_MQWorker*> mWorkers;
@@ -138,6 +139,9 @@ private:
 	void closeSignal();
 	void waitForThreads();
 	eqor_QUEUE_ITEM* claimLocked(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2);
+	eqor_QUEUE_ITEM* addAsleep(
+	    unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2, platform::WaitHandle* toWake);
+	void readQueueUsage(int* pending, int* capacity);
 	bool publishLocked(eqor_QUEUE_ITEM* item, bool* wake);
 	eqor_QUEUE_ITEM* takeSignalledLocked();
 	bool chooseSleeperLocked();

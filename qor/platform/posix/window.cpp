@@ -7,4 +7,9 @@ bool windowExists(HWND) { return false; }
 
 bool postToWindow(HWND, uint32_t, void*, void*) { return false; }
 
+void storeSize(SIZE* out, int cx, int cy) {
+	out->cx = cx;
+	out->cy = cy;
+}
+
 } // namespace platform

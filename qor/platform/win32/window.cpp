@@ -11,4 +11,9 @@ bool postToWindow(HWND window, uint32_t message, void* first, void* second) {
 	return PostMessageA(window, message, reinterpret_cast<WPARAM>(first), reinterpret_cast<LPARAM>(second)) != FALSE;
 }
 
+void storeSize(SIZE* out, int cx, int cy) {
+	out->cx = cx;
+	out->cy = cy;
+}
+
 } // namespace platform

@@ -28,7 +28,11 @@ int qorDVar_Value_MakeHexString(char* out, const void* data, int size) {
 int qorDVar_Value_DecodeFromHexString(void* out, const char* hex, int length, int maxOut) {
 	if (!out || !hex || length < 0 || maxOut < 0) return kQorFailure;
 	auto* bytes = static_cast<unsigned char*>(out);
-	for (int pairs = std::min(length / 2, maxOut); pairs > 0 && hex[0] && hex[1]; --pairs, hex += 2)
-		*bytes++ = static_cast<unsigned char>(digit(hex[0]) << 4 | digit(hex[1]));
+	const char* end = std::find(hex, hex + length, '\0');
+	const auto next = [&] { return hex < end ? digit(*hex++) : 0; };
+	for (int pairs = std::min(length / 2, maxOut); pairs > 0; --pairs) {
+		const unsigned high = next();
+		*bytes++ = static_cast<unsigned char>(high << 4 | next());
+	}
 	return kQorSuccess;
 }

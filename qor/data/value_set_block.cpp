@@ -148,9 +148,9 @@ int qorDVar_ValueSet_UpdateFromSubSet(qorDVar_VALUESET* dest, const qorDVar_VALU
 
 int variable_sets::fillFromFile(qorDVar_VALUESET* vs, qorDVar_VALUE* value, const char* path) {
 	unsigned char* text = valueData(vs, value);
-	if (!text || value->mSize < 1 || !path) return kQorFailure;
+	if (!text || value->mSize < 1) return kQorFailure;
 	CstFile file;
-	const bool open = file.OpenReadOnly(path) == 0; // before the value is emptied: it may hold the path
+	const bool open = path && file.OpenReadOnly(path) == 0; // before the value is emptied: it may hold the path
 	text[0] = 0;
 	const long long size = open ? file.GetSize64() : -1;
 	if (size < 0 || size >= value->mSize) return kQorFailure;

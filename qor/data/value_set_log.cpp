@@ -23,10 +23,14 @@ public:
 	}
 	template <class Number>
 	void addNumbers(const unsigned char* data, size_t count, const char* format) {
-		for (size_t i = 0; i < count && mLength < kLineSize - 1; ++i) {
+		for (size_t i = 0; i < count; ++i) {
 			Number number;
 			std::memcpy(&number, data + i * sizeof(number), sizeof(number));
+			const size_t before = mLength;
 			add(format, number);
+			if (mLength < kLineSize - 1) continue;
+			mText[mLength = before] = 0; // rather none than half a number
+			return;
 		}
 	}
 	/// Without a second formatting: texts of values may hold anything.

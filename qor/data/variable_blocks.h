@@ -161,7 +161,7 @@ QOR_API int qorDVar_ValueSet_SetFlags(qorDVar_VALUESET* vs, const char* id, unsi
 QOR_API int qorDVar_ValueSet_UpdateFromSubSet(qorDVar_VALUESET* dest, const qorDVar_VALUESET* sub);
 
 /// Empties the value `id`, reads a whole file into it, terminates it and sets the modified bit.
-/// @return 0; 0x10000000 for null, an unknown identifier or a value of 0 bytes (nothing is
+/// @return 0; 0x10000000 for a null set, an unknown identifier or a value of 0 bytes (nothing is
 ///         changed), or for a file that is not there, is not shorter than the value or cannot
 ///         be read (the value is left empty, its flags as they were).
 QOR_API int qorDVar_ValueSet_FillStrFromFile(qorDVar_VALUESET* vs, const char* id, const char* path);
@@ -174,8 +174,8 @@ QOR_API int qorDVar_Value_MakeHexString(char* out, const void* data, int size);
 /// Decodes pairs of digits to at most `maxOut` bytes. Only "0" to "9" and "A" to "F" count;
 /// any other character is a digit 0, lower-case letters included: writers of this format use
 /// upper case, and readers may rely on the rest giving zeros.
-/// @param length characters of `hex`; its terminator ends the text before. A last digit
-///        without a partner is left out.
+/// @param length characters of `hex`; a last one without a partner is left out. Nothing is read
+///        behind a terminator among them; the rest count as digits 0.
 /// @return 0; 0x10000000, with nothing written, for null or a negative length or maximum.
 QOR_API int qorDVar_Value_DecodeFromHexString(void* out, const char* hex, int length, int maxOut);
 

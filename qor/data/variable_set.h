@@ -107,6 +107,7 @@ public:
 
 	/// As `qorDVar_ValueSetHdr_Debug`.
 	int DebugLog(const qorDVar_DATASET* schema) const;
+	int DebugLog(std::nullptr_t) const { return DebugLog(static_cast<const qorDVar_DATASET*>(nullptr)); }
 	int DebugLog(const CqorDVar_DataSet* schema) const { return DebugLog(schema ? schema->GetBlock() : nullptr); }
 
 	/// An element outside the data of the block is refused: 0x10000000, or 0 from a getter.

@@ -176,7 +176,7 @@ int CqorICachePageMan::Remove(CqorICachePage* page) {
 		page->setparent(nullptr);
 	else
 		detach(page);
-	tellOthers(*page);
+	page->noteChange(); // also where one other manager is the only one left that has it
 	mIndexedChanges = childChanges();
 	return kQorSuccess;
 }

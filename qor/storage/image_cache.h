@@ -76,11 +76,17 @@ static_assert(sizeof(eqorICACHEPAGEMAN_MEMSTATUS) == 32);
 /// The manager deletes pages that are its children, so they must be made with `new`; ownership
 /// passes to it with the first operation behind their addition.
 ///
-/// `BorrowPage` and `ReleasePage` may be called from any thread. Everything else, changes to the
-/// children and to pages included, belongs to the thread that owns the tree, and whatever adds or
-/// takes off pages by other ways than this class must not run while others borrow. A log callback
-/// that runs within `BorrowPage` may use the manager; on other threads it must not wait for one
-/// that does.
+/// `BorrowPage` and `ReleasePage` may be called from any thread. Everything else belongs to the
+/// thread that owns the tree. While others borrow, that thread keeps to the operations of this
+/// class: it neither changes the children by other ways nor reads them, so no dispatch, save or
+/// walk over the manager or what stands above it. A page from `Get` that it has not borrowed is
+/// then only a number: a borrower with `kGrowPages` may move its memory, one with `kDeletePages`
+/// delete it. A log callback that runs within `BorrowPage` may use the manager; on other threads
+/// it must not wait for one that does.
+///
+/// A page among the children of two managers is possible and slow: each change by one makes the
+/// other read all its pages again. Deleting moves the children behind the page, so freeing n pages
+/// from the front costs n moves of the list: 0.1 s for 25,000 pages.
 class QOR_API CqorICachePageMan : public qor {
 public:
 	/// Budget 0: no page fits until `Create`.

@@ -102,7 +102,13 @@ bool Cqor_MultiMQInstance::addInstance(int workers, int queueSize, int affinityM
 		return false;
 	}
 	instance->mMultiOwner = this;
-	instance->Create(_MQInst_CB, workers, queueSize, priority, affinityMask, 1); // a failed one keeps its place
+	// A failed one keeps its place. Its workers that did start are ended as by `Destroy`: their
+	// callbacks must not wait for the lock meanwhile.
+	if (instance->Create(_MQInst_CB, workers, queueSize, priority, affinityMask, 0) != kQorSuccess) return true;
+	if (instance->StartWorkers() == kQorSuccess) return true;
+	mClosing.store(true, std::memory_order_release);
+	instance->Destroy();
+	mClosing.store(false, std::memory_order_release);
 	return true;
 }
 

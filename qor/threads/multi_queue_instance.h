@@ -34,7 +34,9 @@ using Cqor_MultiMQCallBack = int (*)(
 /// them under the lock, so a callback must not wait for `Destroy` in turn. Therefore, from the
 /// moment `Destroy` has the lock, calls on other threads no longer wait for it and answer what
 /// they would have answered behind it: `Add` and `getWorker` null, the others zeros. `Lock` waits
-/// for it as always, except within a callback, where it returns at once without the lock.
+/// for it as always, except within a callback: there it soon returns without the lock, and what
+/// the callback does until its `Unlock` is not guarded. The same holds while `Create` ends an
+/// instance that could not start all its workers.
 class QOR_API Cqor_MultiMQInstance : public Cmc {
 public:
 	Cqor_MultiMQInstance();

@@ -64,6 +64,23 @@ TEST_F(VariableSet, BytesOfBothBlocks) {
 	qorDVar_ValueSetFree(dest);
 }
 
+TEST_F(VariableSet, SizesOfTheTypesAndNamesOfCopies) {
+	CqorDVar_DataSet sizes;
+	sizes.Alloc("");
+	for (const auto& [type, size] : {std::pair(11, 1), {12, 2}, {13, 4}, {21, 1}, {22, 2}, {23, 4}, {31, 4}, {32, 8},
+	         {41, 1}, {0, 0}, {14, 0}, {42, 0}, {-1, 0}})
+		EXPECT_EQ(sizes.AddVar(std::to_string(type).c_str(), "", type, 3, 0, 0, "", "")->mSize, 3 * size) << type;
+	CqorDVar_ValueSet four;
+	four.AllocFromDataSet(&sizes, "");
+	EXPECT_TRUE(four.varSetFloat32("31", 0, 1, 2, 3, 4) == 0 && four.varGetFloat32("31", 3) == 4);
+	qorDVar_DATASET* copy = qorDVar_DataSetMakeCopy(mSchema.GetBlock(), "other");
+	EXPECT_TRUE(bytes(copy, kSchemaSize) == text("other", 32) + bytes(mSchema.GetBlock(), kSchemaSize).substr(32));
+	qorDVar_DataSetFree(copy);
+	const CqorDVar_ValueSet original(mValues.Detach());
+	EXPECT_TRUE(mValues.CopyFrom(&original, "run 2", 0) == 0 && std::string(mValues.GetBlock()->mID) == "run 2");
+	EXPECT_TRUE(mValues.CopyFrom(&original, nullptr, 0) == 0 && std::string(mValues.GetBlock()->mID) == "run 1");
+}
+
 TEST_F(VariableSet, DefinitionsThatAreRefusedChangeNothing) {
 	qorDVar_DATASET* copy = qorDVar_DataSetMakeCopy(mSchema.GetBlock(), nullptr);
 	const std::string longID(40, 'x'), before = bytes(copy, kSchemaSize);
@@ -158,6 +175,8 @@ TEST_F(VariableSet, TypedAccessStaysAmongTheData) {
 	// Past the count is the value behind, before the start the one before.
 	EXPECT_TRUE(mValues.varSetInt32("f", 2, 77) == 0 && mValues.varGetInt32("i", 0) == 77);
 	EXPECT_TRUE(mValues.varSetFloat32("f", 0, 1, 2, 3) == 0 && mValues.varGetFloat32("i", -1) == 2);
+	EXPECT_TRUE(mValues.varSetFloat32("f", 1, 8) == 0 && mValues.varGetFloat32("f", 1) == 8);
+	EXPECT_TRUE(mValues.varSetFloat32("f", -1, 4, 5, 6, 7) == kFailure && mValues.varGetFloat32("f", 0) == 1);
 	EXPECT_TRUE(mValues.SetFlags("f", 0, 0xF0) == 0 && mValues.SetFlags("f", 0x30, 0x21) == 0);
 	EXPECT_TRUE(mValues.GetByID("f")->mFlags == 0xE1 && mValues.ClearModified("f") == 0);
 	const std::string before = bytes(mValues.GetBlock(), kValuesSize);
@@ -213,15 +232,27 @@ TEST(HexText, DigitsBothWays) {
 	};
 	EXPECT_EQ(decode("FFff", 4, 4) + decode("A9g1", 4, 4), text("\xFF", 2) + "uu\xA9\x01uu");
 	EXPECT_EQ(decode("414", 3, 4) + decode("4142434445", 10, 4), "AuuuABCD");
-	EXPECT_EQ(decode("4142", 4, 1) + decode("414", 9, 4) + decode("41", -2, 4) + decode("41", 2, -1), "AuuuAuuu--");
+	EXPECT_EQ(decode("4142", 4, 1) + decode("414", 6, 3) + "u", "Auuu" + text("A@", 3) + "uu");
+	EXPECT_EQ(decode("41", -2, 4) + decode("41", 2, -1), "--");
 }
 
 TEST_F(VariableSet, TheLogShowsHeadAndKnownValues) {
 	mSchema.GetBlock()->mCount = 3; // without "i"
 	test_support::LogCapture log;
+	EXPECT_EQ(mValues.DebugLog(nullptr) + qorDVar_ValueSet_UpdateFromSubSet(nullptr, mValues.GetBlock()), kFailure);
+	log.clear();
 	EXPECT_TRUE(mValues.DebugLog(&mSchema) == 0 && log.lines.size() == 9);
 	for (const char* line : {"BEGIN> qorDVar_ValueSetHdr_Debug (", "dvhdr       ID .................... run 1",
 	         "            Count ................. 4", "            Total Byte Size ....... 343",
 	         "            Vars:", " s = %n", " f = 1.00000,2.00000,", "END  > qorDVar_ValueSetHdr_Debug ("})
 		EXPECT_TRUE(log.has(line)) << line;
+	mSchema.Alloc("long");
+	mSchema.AddVar("i", "", 13, 2000, 0, 0, "", "");
+	mSchema.AddVarStr("s", "", 400, "", "");
+	mValues.AllocFromDataSet(&mSchema, "");
+	for (int i = 0; i < 2000; ++i) mValues.varSetInt32("i", i, -1000000000 - i);
+	mValues.varStrFillFromString("s", "%s", std::string(300, 's').c_str());
+	log.clear(), mValues.DebugLog(&mSchema);
+	EXPECT_TRUE(log.has(" i = -1000000000,-1000000001,") && log.has(" = " + std::string(256, 's')));
+	EXPECT_FALSE(log.has(std::string(257, 's')));
 }

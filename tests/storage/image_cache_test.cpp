@@ -55,6 +55,23 @@ TEST(ImageCache, WhatLoansGrowthAndDeletionLeaveBehind) {
 	EXPECT_EQ(manager.Destroy() + manager.getchildcount(), 0);
 }
 
+TEST(ImageCache, RefusalsChangeNothing) {
+	CqorICachePageMan manager, other;
+	manager.Create(4), other.Create(4);
+	CqorICachePage* page = manager.Add(kMb);
+	EXPECT_EQ(other.Remove(page) & other.DeletePage(page) & other.Remove(nullptr), 0x10000000);
+	EXPECT_EQ(manager.GetMemStatus(nullptr) & CqorICachePageMan::FreeMem(nullptr), 0x10000000);
+	EXPECT_TRUE(page->GetMemory() && manager.GetCount() == 1 && page->GetManager() == &manager);
+	other.attach(page); // both have it
+	EXPECT_TRUE(manager.BorrowPage(5, kMb, 0) == page && other.GetCount() == 1 && !other.BorrowPage(6, 1, 0));
+	manager.ReleasePage(page);
+	ASSERT_EQ(other.GetCount() + manager.Remove(page), 1);
+	EXPECT_EQ(other.BorrowPage(6, 1000, 0), nullptr); // it holds no memory any more
+	EXPECT_EQ(page->Create(&other, 4096) + other.BorrowPage(6, 1000, 0)->GetBorrower(), 6u);
+	EXPECT_EQ(page->Create(nullptr, 4096) & page->Create(&other, 0), 0x10000000);
+	EXPECT_TRUE(!page->GetMemory() && !page->GetManager() && statusOf(other).mTotalBytes == 0);
+}
+
 /// The rules, followed child by child.
 struct Model {
 	struct Page {

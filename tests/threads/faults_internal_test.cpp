@@ -2,7 +2,9 @@
 #include <qor/base/status.h>
 #include <qor/core/runtime.h>
 #include <qor/platform/faults.h>
+#include <qor/platform/thread.h>
 #include <qor/threads/clock.h>
+#include <qor/threads/multi_queue_instance.h>
 #include <qor/threads/queue_instance.h>
 #include <qor/threads/semaphore_worker.h>
 #include <qor/threads/timer.h>
@@ -40,6 +42,35 @@ TEST_F(Faults, RefusedThreadLeavesNoWorker) {
 		EXPECT_EQ(clock.Stop(), kQorFailure); // not running
 		EXPECT_EQ(clock.Start(), kQorSuccess);
 	}
+}
+
+std::atomic<int> started{0}, ended{0}, priority{0};
+std::atomic<uint64_t> affinity{0};
+
+int noteAndAdd(Cqor_MultiMQInstance* multi, Cqor_MQWorker*, eqor_QUEUE_ITEM*, int code) {
+	if (code == 1) {
+		priority = platform::currentThreadPriority();
+		affinity = platform::currentThreadAffinity();
+		++started;
+		multi->Add(1, 2, 3, nullptr, nullptr);
+	}
+	ended += code == 2;
+	return 0;
+}
+
+TEST_F(Faults, MultiQueueEndsTheWorkersOfAFailedInstance) {
+	const uint64_t all = platform::currentThreadAffinity(), lowest = all & (~all + 1);
+	Cqor_MultiMQInstance multi;
+	platform::armFault(FaultPoint::thread, 2);
+	ASSERT_EQ(multi.Create(noteAndAdd, 2, 2, 4, static_cast<int>(lowest), -2), kQorSuccess);
+	platform::armFault(FaultPoint::thread, 0);
+	EXPECT_EQ(ended, 1); // its callback may add, which must not wait for Create
+	int usage[2];
+	multi.getWorkerUsage(usage);
+	EXPECT_EQ(usage[1], 2);
+	multi.Destroy();
+	EXPECT_TRUE(started == 3 && ended == 3);
+	EXPECT_TRUE(priority == -2 && affinity == lowest);
 }
 
 TEST_F(Faults, InstanceIsMadeWholeOrNotAtAll) {

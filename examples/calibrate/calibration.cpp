@@ -192,6 +192,10 @@ int calibrate(const CalibrationOptions& options, int dimensions) {
 		return kExitUsage;
 	}
 	std::printf("%d points from %s\n", points.count(), options.file.c_str());
+	if (points.count() == 0) {
+		std::cerr << "calibrate: no points\n";
+		return kExitNoCalibration;
+	}
 
 	const Calibration calibration(points);
 	Result result;

@@ -13,7 +13,7 @@ CLI::App* addCalibration(CLI::App& app, const char* name, const char* text, Cali
 	command->add_option("--without", options.without, "numbers of points to leave out")->delimiter(',');
 	command->add_option("--residuals", options.picture, "SVG file for a picture of the residuals");
 	command->add_option("--exaggerate", options.factor, "length of its arrows beside the residuals")
-	    ->check(CLI::PositiveNumber);
+	    ->check(CLI::Range(0.001, 1e6));
 	return command;
 }
 
@@ -30,8 +30,8 @@ int main(int argc, char** argv) {
 	auto* simulating = app.add_subcommand("simulate", "write points of a known camera, for trials");
 	simulating->add_option("file", simulation.file, "file of the points")->required();
 	simulating->add_option("--points", simulation.points, "number of points")->check(CLI::Range(1, 1000000));
-	simulating->add_option("--noise", simulation.noise, "pixels")->check(CLI::NonNegativeNumber);
-	simulating->add_option("--height", simulation.height, "of the points' frame, mm")->check(CLI::NonNegativeNumber);
+	simulating->add_option("--noise", simulation.noise, "pixels")->check(CLI::Range(0.0, 1e6));
+	simulating->add_option("--height", simulation.height, "of the points' frame, mm")->check(CLI::Range(0.0, 1e6));
 	simulating->add_option("--blunder", simulation.blunder, "number of a point that is measured wrongly");
 	simulating->add_option("--seed", simulation.seed, "another one gives other errors");
 	try {

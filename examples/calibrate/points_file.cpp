@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 
@@ -25,6 +26,9 @@ bool parseNumbers(const std::string& line, std::vector<double>& numbers) {
 	}
 	return true;
 }
+
+/// Whether a line that begins so holds names of columns.
+bool isHeading(char first) { return !std::strchr("+-.0123456789", first); }
 
 } // namespace
 
@@ -51,10 +55,11 @@ bool readPoints(const std::string& path, int dimensions, PointList& points) {
 	std::string line;
 	bool headings = true; // still allowed
 	for (int lineNumber = 1; std::getline(file, line); ++lineNumber) {
+		if (lineNumber == 1 && line.starts_with("\xEF\xBB\xBF")) line.erase(0, 3); // a mark of UTF-8
 		const size_t start = line.find_first_not_of(kSeparators);
 		if (start == std::string::npos || line[start] == '#') continue;
 		const bool valid = parseNumbers(line, numbers) && numbers.size() == static_cast<size_t>(dimensions) + 2;
-		if (!valid && !(headings && line.find_first_of("0123456789") == std::string::npos)) {
+		if (!valid && !(headings && isHeading(line[start]))) {
 			std::cerr << "calibrate: " << path << ", line " << lineNumber << ": " << dimensions + 2
 			          << " numbers are wanted\n";
 			return false;

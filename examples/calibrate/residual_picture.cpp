@@ -70,13 +70,25 @@ private:
 	double x(double u) const { return kMargin + (u - mLow[0]) * mScale; }
 	double y(double v) const { return kMargin + (v - mLow[1]) * mScale; }
 
+	/// The multiples of `step` along an axis; none where numbers are too large to tell them apart.
+	std::vector<double> ticks(int axis, double step) const {
+		constexpr int kMaximum = 64;
+		std::vector<double> values;
+		const double first = std::ceil(mLow[axis] / step);
+		for (int i = 0; i < kMaximum && (first + i) * step <= mHigh[axis]; ++i) {
+			values.push_back((first + i) * step);
+			if (i > 0 && values[static_cast<size_t>(i) - 1] >= values.back()) return {};
+		}
+		return values;
+	}
+
 	void addAxes(double width, double height) {
 		const double step = roundBelow((mHigh[0] - mLow[0]) / 4);
-		for (double u = std::ceil(mLow[0] / step) * step; u <= mHigh[0]; u += step)
+		for (const double u : ticks(0, step))
 			add("<path d=\"M%.1f %g v-5\" stroke=\"gray\"/><text x=\"%.1f\" y=\"%g\" text-anchor=\"middle\" "
 			    "fill=\"gray\">%g</text>\n",
 			    x(u), kMargin, x(u), kMargin - 9, u);
-		for (double v = std::ceil(mLow[1] / step) * step; v <= mHigh[1]; v += step)
+		for (const double v : ticks(1, step))
 			add("<path d=\"M%g %.1f h-5\" stroke=\"gray\"/><text x=\"%g\" y=\"%.1f\" text-anchor=\"end\" "
 			    "fill=\"gray\">%g</text>\n",
 			    kMargin, y(v), kMargin - 8, y(v) + 4, v);

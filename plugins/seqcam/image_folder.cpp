@@ -83,7 +83,8 @@ std::string ImageFolder::find(const fs::path& place) {
 		image.path = entry.path();
 		image.name = image.path.filename().string();
 		const auto name = splitSequenceName(image.name);
-		if (!isNumberedImage(name) || !entry.is_regular_file()) continue;
+		std::error_code unknown; // a link that leads in a circle
+		if (!isNumberedImage(name) || !entry.is_regular_file(unknown)) continue;
 		if (count++ >= kMaximumImages) return "more than a million images";
 		image.digits = significant(name.digits);
 		sequences[keyOf(name)].push_back(std::move(image));

@@ -1,6 +1,7 @@
 #include "camera_calibration.h"
 
 #include "condition_internal.h"
+#include "coplanar_internal.h"
 #include "gaussian_elimination_internal.h"
 #include "projective_model_internal.h"
 #include "refinement_internal.h"
@@ -45,6 +46,8 @@ int calibrate(double* parameters, const Points<D>& points) {
 	if (const int fault = check(points, parameters, M::kMinimumPoints)) return fault;
 	Normalisation<D> normalisation;
 	if (!normalisation.measure(points)) return kDltBadArgument;
+	if constexpr (D == 3)
+		if (calibration::areCoplanar(points.world, points.count)) return kDltDegenerate;
 	typename M::Parameters normalised, result;
 	if (!factorise(points, normalisation).solve(normalised) || !normalisation.fromNormalised(normalised, result))
 		return kDltDegenerate;

@@ -42,14 +42,14 @@ QOR_API int dltCalibratePlane(double* parameters, const double* first, const dou
 ///
 /// @param parameters in: where to start, as a rule the result of the linear calibration;
 ///                   out: the minimum, with `kDltNotConverged` the best found in 100 steps.
-///                   The error in the image never grows beyond the start's.
+///                   The error in the image does not grow beyond the start's, but for rounding.
 /// @param steps      accepted steps out; may be null.
 QOR_API int dltRefineCamera(double* parameters, const double* points3D, const double* points2D, int count, int* steps);
 QOR_API int dltRefinePlane(double* parameters, const double* first, const double* second, int count, int* steps);
 
 /// Calculates the residual of each point: measured less projected, pairs (du, dv).
 /// @param residuals 2 * `count` values out; not a number where w = 0.
-/// @return 0; `kDltBadArgument`. Works from one point on.
+/// @return 0; `kDltTooFewPoints` for no points; `kDltBadArgument`.
 QOR_API int dltCalculateResidualsCamera(
     double* residuals, const double* parameters, const double* points3D, const double* points2D, int count);
 QOR_API int dltCalculateResidualsPlane(
@@ -72,7 +72,7 @@ struct DltQuality {
 	/// (see `dltCalibrateCamera`): how unequally well the points determine the parameters. It
 	/// depends on where the points stand to each other and to the camera, not on units or
 	/// origin. Twenty points all over a cube: about 4; few or flat points: larger; infinite or
-	/// beyond 1e14 when they leave the parameters open.
+	/// beyond 1e10 when they leave the parameters open.
 	double condition;
 	/// Standard deviations of the parameters to first order, for measured image points with
 	/// independent errors of `sigma`; not a number where `sigma` is. `Plane` sets 8, the rest 0.

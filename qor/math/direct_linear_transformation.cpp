@@ -1,5 +1,6 @@
 #include "direct_linear_transformation.h"
 
+#include "coplanar_internal.h"
 #include "gaussian_elimination_internal.h"
 #include "projective_system_internal.h"
 
@@ -7,6 +8,7 @@
 #include <limits>
 
 using calibration::allFinite;
+using calibration::areCoplanar;
 using calibration::ProjectiveSystem;
 using calibration::solveByElimination;
 
@@ -70,6 +72,7 @@ private:
 template <class T>
 int calculateParameters(T* parameters, const T* points3D, const T* points2D, int count) {
 	if (!parameters || !points3D || !points2D || count < kMinimumPoints) return kDltTooFewPoints;
+	if (areCoplanar(points3D, count)) return kDltDegenerate;
 	NormalEquations<T> equations;
 	for (int i = 0; i < count; ++i, points3D += 3, points2D += 2) equations.add(points3D, points2D[0], points2D[1]);
 	T system[11][12], solution[11];
@@ -164,8 +167,9 @@ void calculateDirector(T* direction, const T* l, T u, T v) {
 	rayEquation(a, l, l, u);
 	rayEquation(b, l + 4, l, v);
 	cross(product, a, b);
-	const T length = std::sqrt(dot3(product, product)); // 0 is let through: 0 / 0 is not a number
-	for (int i = 0; i < 3; ++i) direction[i] = product[i] / length;
+	T unit[3];
+	if (!normalise(unit, product)) std::fill_n(unit, 3, std::numeric_limits<T>::quiet_NaN());
+	std::copy_n(unit, 3, direction);
 }
 
 template <class T>

@@ -52,18 +52,17 @@ inline constexpr int kDlt2DMaximumPoints = 32;
 ///
 /// Each point gives two linear equations; their least-squares solution comes from the normal
 /// equations by Gaussian elimination with partial pivoting. Forming them squares the condition
-/// of the problem, and the check for degenerate points compares the last pivot with a fixed
-/// 0.0001, whatever the units. Points on one plane are noticed only while the rounding errors
-/// of the sums, about 1e-16 (single 1e-7) times the number of points times the square of the
-/// largest product of a world and an image coordinate, are well below that. Image coordinates
-/// around 1 (or double precision with metres and pixels) are on the safe side; on the other
-/// hand sound points may be refused when world and image coordinates are both far below 1.
+/// of the problem. Points on one plane, to the rounding of their coordinates or to 1e-7 of their
+/// extent, are degenerate; so are those whose last pivot is below a fixed 0.0001 in magnitude,
+/// whatever the units. That can meet sound points, too, when the product of a world and an image
+/// coordinate is well below 1, or when there are only six: take smaller units, such as
+/// millimetres and pixels, or `dltCalibrateCamera`, which knows no such limit.
 ///
 /// @param parameters 11 values out.
 /// @param points3D   3 * `count` values.
 /// @param points2D   2 * `count` values.
-/// @return 0; -2 for fewer than 6 points; -100 when a pivot is zero, the last one is below
-///         0.0001 in magnitude, or the data or the result are not finite.
+/// @return 0; -2 for fewer than 6 points; -100 for points on one plane, when a pivot is zero or
+///         the last one below 0.0001 in magnitude, or the data or the result are not finite.
 QOR_API int dltSP_CalculateParameters(float* parameters, const float* points3D, const float* points2D, int count);
 QOR_API int dltDP_CalculateParameters(double* parameters, const double* points3D, const double* points2D, int count);
 
@@ -148,7 +147,7 @@ QOR_API float dltSP_Calculate_dv_Square_FromParameters(const float* parameters);
 
 // --- plane ---
 
-/// Calculates L1 to L8 from at least 4 points, no three of them on one line.
+/// Calculates L1 to L8 from at least 4 points, four of them so that no three are on one line.
 ///
 /// Each point gives two linear equations, as in the 3D calibration; their least-squares
 /// solution comes from an orthogonal (QR) factorisation, which keeps single precision usable

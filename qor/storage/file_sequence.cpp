@@ -159,8 +159,11 @@ uint32_t CqorFileSeq::spellingOf(const Names& names, bool* failed) {
 		       std::strcmp(names.mExtension, other.mExtension) == 0;
 	};
 	if (same(mNames) || !isSequenceOf(names)) return 0;
+	constexpr int kRecent = 16; // of the latest spellings a few alternate, if any
 	const int count = mSpellings.Count();
-	if (count == 0 || !same(mSpellings[count - 1])) *failed = !mSpellings.Add(names);
+	for (int i = count; i > std::max(count - kRecent, 0); --i)
+		if (same(mSpellings[i - 1])) return static_cast<uint32_t>(i);
+	*failed = !mSpellings.Add(names);
 	return static_cast<uint32_t>(mSpellings.Count());
 }
 

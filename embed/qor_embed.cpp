@@ -47,6 +47,7 @@ struct UsageError : std::runtime_error {
 
 Options readArguments(int count, char** arguments) {
 	Options options;
+	bool described = false;
 	for (int i = 1; i < count; ++i) {
 		const std::string argument = arguments[i];
 		const auto value = kValues.find(argument);
@@ -55,6 +56,7 @@ Options readArguments(int count, char** arguments) {
 		} else if (value != kValues.end()) {
 			if (++i == count) throw UsageError(argument + " without a value");
 			options.*(value->second) = arguments[i];
+			described = true;
 		} else if (argument.starts_with("--")) {
 			throw UsageError("unknown option " + argument);
 		} else {
@@ -63,10 +65,18 @@ Options readArguments(int count, char** arguments) {
 		}
 	}
 	if (options.library.empty()) throw UsageError("no library given");
+	if (options.show && described) throw UsageError("--show stands alone");
 	return options;
 }
 
 using Utf = std::codecvt<char16_t, char8_t, std::mbstate_t>;
+
+/// Whether UTF-8 holds a surrogate, which the conversion lets pass.
+bool hasSurrogate(std::string_view text) {
+	for (size_t at = text.find('\xED'); at != text.npos; at = text.find('\xED', at + 1))
+		if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) >= 0xA0) return true;
+	return false;
+}
 
 std::u16string toUtf16(std::string_view text) {
 	const std::u8string source(text.begin(), text.end());
@@ -77,13 +87,30 @@ std::u16string toUtf16(std::string_view text) {
 	const auto result = std::use_facet<Utf>(std::locale::classic())
 	                        .in(state, source.data(), source.data() + source.size(), read, units.data(),
 	                            units.data() + units.size(), written);
-	if (result != std::codecvt_base::ok || read != source.data() + source.size())
+	if (result != std::codecvt_base::ok || read != source.data() + source.size() || hasSurrogate(text))
 		throw UsageError("the text is not UTF-8 (a file of --text-file can be, where arguments cannot)");
 	units.resize(static_cast<size_t>(written - units.data()));
+	if (units.find(u'\0') != units.npos)
+		throw UsageError("the text holds a zero, where readers would end it (UTF-16 instead of UTF-8?)");
 	return units;
 }
 
-std::string toUtf8(std::u16string_view units) {
+/// @return the text with U+FFFD for each surrogate that is not one of a pair.
+std::u16string wellFormed(std::u16string_view text) {
+	std::u16string units(text);
+	for (size_t i = 0; i < units.size(); ++i) {
+		if ((units[i] & 0xF800) != 0xD800) continue;
+		const bool pair = (units[i] & 0xFC00) == 0xD800 && i + 1 < units.size() && (units[i + 1] & 0xFC00) == 0xDC00;
+		if (pair)
+			++i;
+		else
+			units[i] = u'\uFFFD';
+	}
+	return units;
+}
+
+std::string toUtf8(std::u16string_view source) {
+	const std::u16string units = wellFormed(source);
 	std::u8string text(units.size() * 3, u8'\0');
 	std::mbstate_t state = {};
 	const char16_t* read = nullptr;
@@ -103,6 +130,15 @@ Bytes readFile(const fs::path& path) {
 	return bytes;
 }
 
+/// A text file's content, without the byte order mark that it begins and the line ends that it ends with.
+std::string readText(const fs::path& path) {
+	constexpr std::string_view mark = "\xEF\xBB\xBF";
+	const Bytes bytes = readFile(path);
+	std::string text(bytes.begin(), bytes.end());
+	if (text.starts_with(mark)) text.erase(0, mark.size());
+	return text.substr(0, text.find_last_not_of("\r\n") + 1);
+}
+
 /// The tags stand first: of each kind a reader heeds the first it meets.
 std::u16string informationText(const Options& options) {
 	std::string text;
@@ -115,10 +151,7 @@ std::u16string informationText(const Options& options) {
 	tag("PL", options.platform);
 	tag("CS", options.characterSet);
 	add(options.text);
-	if (!options.textFile.empty()) {
-		const Bytes more = readFile(options.textFile);
-		add({more.begin(), more.end()});
-	}
+	if (!options.textFile.empty()) add(readText(options.textFile));
 	auto units = toUtf16(text);
 	if (units.size() > kMaximumText)
 		throw UsageError(
@@ -165,33 +198,62 @@ void addRecord(Bytes& file, const std::u16string& text, const Bytes& extra) {
 		throw std::runtime_error("the library holds bytes that readers would take for the record");
 }
 
-/// Removes a file that was not given its final name.
-struct Temporary {
-	fs::path path;
-	~Temporary() {
-		std::error_code ignored;
-		fs::remove(path, ignored);
+/// A folder of this run's own beside a file, with room for its new contents. The names that
+/// others have taken, for whatever it is, are passed over and left alone.
+class Workplace {
+public:
+	explicit Workplace(const fs::path& target) {
+		for (int number = 0; number < kNames; ++number) {
+			mFolder = fs::path(target) += ".qor_embed" + std::to_string(number);
+			std::error_code error;
+			if (fs::create_directory(mFolder, error)) return; // only when nothing has that name
+			if (error && error != std::errc::file_exists) throw fs::filesystem_error("no new file", mFolder, error);
+		}
+		throw std::runtime_error(mFolder.string() + " and all before it are taken");
 	}
+	~Workplace() {
+		std::error_code ignored;
+		fs::remove(file(), ignored);
+		fs::remove(mFolder, ignored);
+	}
+	Workplace(const Workplace&) = delete;
+	Workplace& operator=(const Workplace&) = delete;
+	fs::path file() const { return mFolder / "new"; }
+
+private:
+	static constexpr int kNames = 1000;
+	fs::path mFolder;
 };
 
 void replaceFile(const fs::path& path, const Bytes& bytes) {
 	const fs::path target = fs::canonical(path); // a link stays one
-	const Temporary fresh{fs::path(target) += ".qor_embed"};
-	std::ofstream out(fresh.path, std::ios::binary | std::ios::trunc);
+	const auto permissions = fs::status(target).permissions();
+	if ((permissions & fs::perms::owner_write) == fs::perms::none)
+		throw std::runtime_error(target.string() + " is read-only: its owner may not write it");
+	const Workplace place(target);
+	const fs::path fresh = place.file();
+	std::ofstream out(fresh, std::ios::binary);
 	out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 	out.close();
-	if (!out) throw std::runtime_error(fresh.path.string() + " cannot be written");
-	fs::permissions(fresh.path, fs::status(target).permissions());
-	fs::rename(fresh.path, target);
+	if (!out) throw std::runtime_error(fresh.string() + " cannot be written");
+	fs::permissions(fresh, permissions);
+	fs::rename(fresh, target);
 }
 
 void embed(const Options& options) {
 	const auto text = informationText(options);
 	const Bytes extra = options.extra.empty() ? Bytes() : readFile(options.extra);
 	Bytes file = readFile(options.library);
+	if (file.empty()) throw std::runtime_error(options.library + " is empty");
 	removeRecord(file);
 	addRecord(file, text, extra);
 	replaceFile(options.library, file);
+}
+
+/// The length of a record's extra data as readers count it.
+size_t extraLength(const Bytes& file, size_t at) {
+	const size_t length = headAt(file, at).extraLength;
+	return length < file.size() - plugins::kModuleRecordTail ? length : 0;
 }
 
 void show(const fs::path& path) {
@@ -201,7 +263,7 @@ void show(const fs::path& path) {
 	std::array<char16_t, plugins::kModuleInformationSize / sizeof(char16_t)> units;
 	std::memcpy(units.data(), file.data() + at + sizeof(plugins::ModuleRecordHead), sizeof units);
 	const std::u16string_view text(units.data(), units.size());
-	std::cout << "offset " << at << ", extra data " << headAt(file, at).extraLength << " bytes\n"
+	std::cout << "offset " << at << ", extra data " << extraLength(file, at) << " bytes\n"
 	          << toUtf8(text.substr(0, text.find(u'\0'))) << '\n';
 }
 

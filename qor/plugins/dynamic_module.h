@@ -49,7 +49,8 @@ public:
 	const char* GetFilePath() const { return mPath; }
 
 	/// Drops the information and unloads the library, then loads the one at the path with all
-	/// it depends on. A name without a folder is looked for where the system looks for libraries.
+	/// it depends on. A name without a folder is looked for where the system looks for libraries;
+	/// on Linux first in the current folder, where `RetrieveDMInfo` and the others look for it.
 	/// A library without entry function is loaded all the same.
 	/// @return 0; 0x10000000 with nothing loaded and no information.
 	int Load();

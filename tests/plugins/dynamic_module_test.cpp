@@ -51,6 +51,11 @@ TEST_F(DynamicModule, LoadsCallsAndUnloads) {
 	EXPECT_FALSE(module.GetFunc("none") || module.GetFunc("atoi") || module.GetFunc(nullptr));
 	EXPECT_TRUE(module.SetFilePath(kPlain.c_str()) == 0 && module.Func(1, 2, 3, &sum, answer) == 77) << "still loaded";
 	EXPECT_TRUE(module.Load() == 0 && module.Func(1, 2, 3, &sum, answer) == kFailure) << "it has no entry function";
+	const auto before = fs::current_path();
+	fs::copy_file(kEntry, folder.path("bare.so"));
+	fs::current_path(folder.path());
+	EXPECT_TRUE(module.SetFilePath("bare.so") == 0 && module.RetrieveDMInfo() == 0 && module.Load() == 0);
+	fs::current_path(before);
 }
 
 TEST_F(DynamicModule, EmbeddedRecordOfARealLibrary) {
@@ -78,6 +83,27 @@ TEST_F(DynamicModule, EmbedReplacesItsOwnRecordAndRefusesTheRest) {
 		EXPECT_EQ(embed(path) == 0 && module.RetrieveDMInfo() == 0, room == 1056);
 	}
 	EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 1) << "nothing is left behind";
+}
+
+TEST_F(DynamicModule, EmbedTakesTextAndFilesThatReadersCanUse) {
+	const std::string other = folder.path("other"), use = "--text-file " + other + " " + path;
+	for (const char* taken : {".qor_embed", ".qor_embed0"}) writeFile(path + taken, "mine");
+	ASSERT_TRUE(!retrieves("") && embed(path) != 0 && !retrieves(std::string(2000, 'L')));
+	for (const auto& bad : {std::string("C\0S\0", 4), std::string("\xED\xA0\x80")}) {
+		writeFile(other, bad);
+		EXPECT_TRUE(embed(use) != 0 && fs::file_size(path) == 2000) << bad;
+	}
+	writeFile(other, "\xEF\xBB\xBFgr\xC3\xB6\xED\x9F\xBF\r\n\n");
+	fs::permissions(path, fs::perms::owner_read);
+	EXPECT_TRUE(embed(use) != 0 && fs::file_size(path) == 2000) << "read-only";
+	fs::permissions(path, fs::perms::owner_all);
+	ASSERT_TRUE(embed(use) == 0 && module.RetrieveDMInfo() == 0);
+	EXPECT_EQ(std::u16string(module.GetInformation()->mText), u"gr\u00F6\uD7FF");
+	EXPECT_EQ(readFile(path + ".qor_embed") + readFile(path + ".qor_embed0"), "minemine");
+	ASSERT_TRUE(retrieves(recordFile(3000, 100, u"a\xD800z", 3000 - 1052)));
+	EXPECT_TRUE(embed("--show --text x " + path) != 0 && embed("--show " + path + " > " + other) == 0);
+	const std::string shown = readFile(other);
+	EXPECT_TRUE(shown.find("data 0 bytes") != shown.npos && shown.find("a\xEF\xBF\xBDz") != shown.npos) << shown;
 }
 
 TEST_F(DynamicModule, FirstTagOfAKindDecides) {

@@ -76,6 +76,7 @@ void Arena::destroy(Arena* arena) {
 	CqorBXML_Section* orphans = releaseBlocks(arena, nullptr);
 	while (orphans) {
 		CqorBXML_Section* section = std::exchange(orphans, orphans->mParent);
+		section->mParent = nullptr;
 		Arena* own = std::exchange(section->mArena, nullptr);
 		if (own) orphans = releaseBlocks(own, orphans);
 		delete section;

@@ -2,6 +2,7 @@
 
 #include "parameter_section.h"
 
+#include <atomic>
 #include <bit>
 #include <cstring>
 #include <utility>
@@ -48,6 +49,11 @@ public:
 		return true;
 	}
 
+	/// For threads that look up at the same time: the one that enters may allocate. @return false, without
+	/// waiting, while another one is in.
+	bool enter() { return !mEntered.exchange(true, std::memory_order_acquire); }
+	void leave() { mEntered.store(false, std::memory_order_release); }
+
 	/// Takes over a section that was made with `new`. @return false without memory.
 	bool adopt(CqorBXML_Section* section);
 	bool belongsTo(const CqorBXML_Section* section) const { return mOwner == section; }
@@ -71,6 +77,7 @@ private:
 	char* mAt;
 	char* mEnd;
 	Adopted* mAdopted = nullptr;
+	std::atomic<bool> mEntered{false};
 
 	Arena(const CqorBXML_Section* owner, Block* block);
 };

@@ -66,6 +66,7 @@ int CqorBXML::Open(const char* path, CqorBXML_SectionCallBack callback) {
 	const bool opened = path && file.OpenReadOnly(path) == 0; // before closing: the path may be one of our values
 	Close();
 	if (!opened || readFile(file) != kQorSuccess) return kQorFailure;
+	file.Close(); // a callback may replace it
 	return parseAndWalk(callback);
 }
 
@@ -107,14 +108,7 @@ int CqorBXML::CallBackSection(
     CqorBXML* document, CqorBXML_Section* section, int depth, CqorBXML_SectionCallBack callback) {
 	if (!section) return kQorFailure;
 	if (!callback) return kQorSuccess;
-	const CqorBXML* owner = section->mDocument;
-	const auto generation = owner ? owner->mGeneration : 0;
-	const int above = section->mDepth + 1;
-	for (auto* at = section->nextBelow(section); at; at = at->nextBelow(section)) {
-		callback(document, at, depth + at->mDepth - above);
-		if (owner && owner->mGeneration != generation) return kQorFailure; // `at` is gone
-	}
-	return kQorSuccess;
+	return section->walk(document, depth, callback);
 }
 
 CqorBXML_Section* CqorBXML::FindSection(const char* path, int index) const { return mRoot.FindSection(path, index); }

@@ -10,9 +10,10 @@ class CstFile;
 /// in the values, and a parameter may stand without a value. `docs/parameter_files.md` has the
 /// rules. A zero byte ends the text for the parser; `mTextLength` counts what is behind it, too.
 ///
-/// A text that cannot be parsed to its end gives the sections in front of the fault; how far it
-/// came shows in the content length of the root, which is 0 for such a text. Memory is the only
-/// limit of depth and number; a section takes about 400 bytes and twice its opening tag.
+/// A text that cannot be parsed to its end gives the sections in front of the fault, and the content
+/// length of the root is 0. It is 0 for one other text as well, which is correct: one that begins with "</>".
+/// Memory is the only limit of depth and number; a section takes about 450 bytes and twice its opening tag, and
+/// a variable about 50 bytes more.
 ///
 /// What a path costs is said at `CqorBXML_Section`. One thread at a time, or any number of threads
 /// that only look up.
@@ -47,9 +48,10 @@ public:
 	/// in the root have depth 0. The results of the callbacks do not stop the walk.
 	///
 	/// A callback may look up and may add sections and variables; sections added behind the place of
-	/// the walk are visited. It must not destroy the document object. One that closes or reopens the document
-	/// stops the walk; nothing else does.
-	/// @return 0, also without a callback; 0x10000000 when a callback closed the document.
+	/// the walk are visited. It must not destroy the document object. The walk stops when a callback destroys a
+	/// section that the visited one lies in, at any depth: by `Destroy`, or by closing or reopening the document.
+	/// Nothing else stops it; the visited section itself and sections beside it may be destroyed.
+	/// @return 0, also without a callback; 0x10000000 when the walk was stopped.
 	int CallBackTree(CqorBXML_SectionCallBack callback);
 	/// The same for all sections below `section`, those directly in it with the given depth.
 	/// @param document handed to the callback
@@ -70,10 +72,6 @@ public:
 	    CqorBXML_Section** foundIn = nullptr) const;
 
 private:
-	friend class CqorBXML_Section;
-
 	int readFile(CstFile& file);
 	int parseAndWalk(CqorBXML_SectionCallBack callback);
-
-	std::uint32_t mGeneration = 0; // how often sections were destroyed; tells a walk to stop
 };

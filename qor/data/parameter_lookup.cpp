@@ -1,15 +1,57 @@
+#include "parameter_arena_internal.h"
 #include "parameter_path_internal.h"
 #include "parameter_section.h"
+
+#include <algorithm>
 
 using parameter_file::PathName;
 
 namespace {
 
-/// Sections in front of this place are found quickly enough. They are not remembered, so that a
-/// loop over many sections does not lose its place to the lookups in between.
+/// Inner sections in front of this place are found quickly enough one after the other.
 constexpr int kNear = 16;
 
 } // namespace
+
+/// By type, and in their own order where it is the same.
+struct CqorBXML_Section::TypeOrder {
+	bool operator()(const CqorBXML_Section* a, const CqorBXML_Section* b) const {
+		const int order = PathName::whole(a->mType).compare(b->mType);
+		return order ? order < 0 : a->mIndex < b->mIndex;
+	}
+	bool operator()(const CqorBXML_Section* a, const PathName& b) const { return b.compare(a->mType) > 0; }
+	bool operator()(const PathName& a, const CqorBXML_Section* b) const { return a.compare(b->mType) < 0; }
+};
+
+/// Called by one thread at a time: the others see the new order when its count is that of the children.
+/// @param sorted so many are in order already
+bool CqorBXML_Section::sortChildrenFrom(int sorted) const {
+	const auto count = static_cast<std::uint32_t>(mChildCount);
+	if (mByTypeRoom < count) {
+		const auto room = std::bit_ceil(count);
+		auto** grown = static_cast<CqorBXML_Section**>(mArena->allocate(room * sizeof *mByType));
+		if (!grown) return false;
+		std::copy_n(mByType, sorted, grown);
+		mByType = grown;
+		mByTypeRoom = room;
+	}
+	auto **added = mByType + sorted, **end = mByType + count;
+	std::copy(mChildren + sorted, mChildren + count, added);
+	if (!std::is_sorted(added, end, TypeOrder())) std::sort(added, end, TypeOrder()); // often they are of one type
+	std::inplace_merge(mByType, added, end, TypeOrder());
+	mSortedCount.store(mChildCount, std::memory_order_release);
+	return true;
+}
+
+/// @return false without memory, and while another thread sorts in this tree.
+bool CqorBXML_Section::sortChildren() const {
+	if (mSortedCount.load(std::memory_order_acquire) == mChildCount) return true;
+	if (!mArena->enter()) return false;
+	const int sorted = mSortedCount.load(std::memory_order_relaxed); // by now, maybe, all
+	const bool complete = sorted == mChildCount || sortChildrenFrom(sorted);
+	mArena->leave();
+	return complete;
+}
 
 CqorBXML_Section* CqorBXML_Section::childOfTypeFrom(int position, const PathName& type) const {
 	for (; position < mChildCount; ++position)
@@ -19,23 +61,13 @@ CqorBXML_Section* CqorBXML_Section::childOfTypeFrom(int position, const PathName
 
 CqorBXML_Section* CqorBXML_Section::childOfType(const PathName& type, int index) const {
 	if (index < 0) return nullptr;
-	int position = 0;
-	int before = 0; // children of the type in front of `position`
-	const auto remembered = mLastFound.load(std::memory_order_relaxed);
-	const auto lastPosition = static_cast<int>(remembered >> 32);
-	const auto lastBefore = static_cast<int>(remembered & UINT32_MAX);
-	if (lastBefore <= index && lastPosition < mChildCount && type.equals(mChildren[lastPosition]->mType)) {
-		position = lastPosition;
-		before = lastBefore;
-	}
-	for (; auto* found = childOfTypeFrom(position, type); ++before) {
-		if (before == index) {
-			const auto place = static_cast<std::uint64_t>(found->mIndex);
-			const auto last = place << 32 | static_cast<std::uint32_t>(index);
-			if (found->mIndex >= kNear) mLastFound.store(last, std::memory_order_relaxed);
-			return found;
+	int before = 0;
+	for (int i = 0; i < mChildCount; ++i) {
+		if (i == kNear && sortChildren()) {
+			const auto found = std::equal_range(mByType, mByType + mChildCount, type, TypeOrder());
+			return index < found.second - found.first ? found.first[index] : nullptr;
 		}
-		position = found->mIndex + 1;
+		if (type.equals(mChildren[i]->mType) && before++ == index) return mChildren[i];
 	}
 	return nullptr;
 }
@@ -49,6 +81,10 @@ eqorBXML_VAR* CqorBXML_Section::varOfName(const PathName& name, int index) const
 int CqorBXML_Section::FindSectionCountByType(const char* type) const {
 	if (!type) return 0;
 	const auto wanted = PathName::whole(type);
+	if (mChildCount > kNear && sortChildren()) {
+		const auto found = std::equal_range(mByType, mByType + mChildCount, wanted, TypeOrder());
+		return static_cast<int>(found.second - found.first);
+	}
 	int count = 0;
 	for (int i = 0; i < mChildCount; ++i) count += wanted.equals(mChildren[i]->mType);
 	return count;

@@ -42,7 +42,7 @@ char* CqorBXML_Section::ProcessContent(const char* text) {
 	if (!text || length > INT_MAX) return nullptr;
 	const char* end = text + length;
 	auto* section = this;
-	mContent = text;
+	mContent = const_cast<char*>(text);
 	mContentLength = 0;
 	for (const char* at = text;;) {
 		char* tag = find(at, '<', end);
@@ -71,7 +71,7 @@ char* CqorBXML_Section::ProcessContent(const char* text) {
 			continue;
 		}
 		logmsg("--> %s (%d)", child->mType, child->mDepth);
-		child->mContent = at;
+		child->mContent = const_cast<char*>(at);
 		section = child;
 	}
 }
@@ -98,6 +98,7 @@ void CqorBXML_Section::endAtTextEnd(CqorBXML_Section* last, const char* end) {
 char* CqorBXML_Section::ProcessHeader(const char* text) {
 	const char* close = text && *text == '<' ? std::strchr(text, '>') : nullptr;
 	if (!close || !readHeader(text, close)) return nullptr;
+	typeChanges();
 	return const_cast<char*>(close);
 }
 

@@ -26,11 +26,14 @@ struct PathName {
 		while (begin > path && begin[-1] != '.') --begin;
 		return {begin, static_cast<std::size_t>(end - begin)};
 	}
-	bool equals(const char* other) const {
+	/// @return below 0, 0 or above 0, as this name comes before `other`, is the same or comes behind it.
+	int compare(const char* other) const {
 		for (std::size_t i = 0; i < length; ++i)
-			if (lowerCase(other[i]) != lowerCase(text[i])) return false; // also where `other` ends
-		return other[length] == '\0';
+			if (const int difference = lowerCase(text[i]) - lowerCase(other[i]))
+				return difference; // also where `other` ends
+		return other[length] == '\0' ? 0 : -1;
 	}
+	bool equals(const char* other) const { return compare(other) == 0; }
 };
 
 } // namespace parameter_file

@@ -16,6 +16,21 @@ const char* skipBlanks(const char* text) {
 	return text;
 }
 
+/// The place of a walk and the walk around it: a callback may walk, too.
+struct Walk {
+	explicit Walk(const CqorBXML_Section* start) : at(start), outer(std::exchange(innermost, this)) {}
+	Walk(const Walk&) = delete;
+	Walk& operator=(const Walk&) = delete;
+	~Walk() { innermost = outer; }
+
+	const CqorBXML_Section* at; // null when a callback destroyed what it lies in
+	Walk* outer;
+
+	static thread_local Walk* innermost;
+};
+
+thread_local Walk* Walk::innermost = nullptr;
+
 } // namespace
 
 /// Leaves the 286 other characters of ID and type as they are: clearing them for every section
@@ -29,17 +44,23 @@ void* CqorBXML_Section::operator new(std::size_t bytes) noexcept { return platfo
 void CqorBXML_Section::operator delete(void* section) noexcept { platform::release(section); }
 
 void CqorBXML_Section::Destroy() {
-	if (mArena && mArena->belongsTo(this)) {
-		if (mDocument) ++mDocument->mGeneration;
-		Arena::destroy(std::exchange(mArena, nullptr));
-	}
+	for (auto* walk = Walk::innermost; walk; walk = walk->outer)
+		if (walk->at != this && contains(walk->at)) walk->at = nullptr;
+	if (mArena && mArena->belongsTo(this)) Arena::destroy(std::exchange(mArena, nullptr));
+	typeChanges();
 	mID[0] = mType[0] = '\0';
 	mHeaderBuff = nullptr;
 	mContent = nullptr;
 	mChildren = nullptr;
 	mVars = nullptr;
+	mByType = nullptr;
 	mContentLength = mChildCount = mVarCount = 0;
-	mLastFound.store(0, std::memory_order_relaxed);
+	mByTypeRoom = 0;
+	mSortedCount.store(0, std::memory_order_relaxed);
+}
+
+void CqorBXML_Section::typeChanges() {
+	if (mParent) mParent->mSortedCount.store(0, std::memory_order_relaxed);
 }
 
 Arena* CqorBXML_Section::arena() {
@@ -73,6 +94,16 @@ CqorBXML_Section* CqorBXML_Section::nextBelow(const CqorBXML_Section* top) {
 		if (at->mIndex + 1 < parent->mChildCount) return parent->mChildren[at->mIndex + 1];
 	}
 	return nullptr;
+}
+
+int CqorBXML_Section::walk(CqorBXML* document, int depth, CqorBXML_SectionCallBack callback) {
+	const int above = mDepth + 1;
+	for (auto* at = nextBelow(this); at; at = at->nextBelow(this)) {
+		const Walk walk(at);
+		callback(document, at, depth + at->mDepth - above);
+		if (!walk.at) return kQorFailure; // `at` is gone, this section may be
+	}
+	return kQorSuccess;
 }
 
 bool CqorBXML_Section::contains(const CqorBXML_Section* section) const {

@@ -32,13 +32,16 @@ using CqorBXML_SectionCallBack = int (*)(CqorBXML* document, CqorBXML_Section* s
 /// by type or name; `IsType` and `IsID` alone are exact. A null or empty path and a negative index
 /// find nothing.
 ///
-/// **Cost of paths.** Nothing is allocated or copied. A lookup compares the types of the
-/// inner sections in order, on each level from the first one, and in the end the names of
-/// the variables: some nanoseconds for each one passed. Two things make this cheap where
-/// there are many: a section remembers which inner section was found last, so that asking for
-/// index 0, 1, 2 ... of a type walks on instead of starting again, and `foundIn` or `FindSection`
-/// give the section that further short paths can start from. To visit everything, read `mChildren`
-/// and `mVars`.
+/// **Cost of paths.** On each level a lookup compares the types of the first 16 inner sections in order. The
+/// first one that has to look behind them sorts all inner sections by type, 8 to 16 bytes each, and from then on
+/// the sections of any type and index are found in a few steps. Sections added later are sorted in; a
+/// `Destroy` or `ProcessHeader` of an inner section lets the next such lookup sort again. Without memory to sort
+/// in, and while another thread sorts in the same tree, the sections are compared one after the other.
+///
+/// Two things do take time in proportion: the variables of a section are compared in order, some nanoseconds
+/// for each one passed, and `FindVar` visits all sections of a type in front of the first that has the
+/// variable. `foundIn` and `FindSection` give the section that further short paths can start from. To
+/// visit everything, read `mChildren` and `mVars`.
 ///
 /// **Ownership.** A section that was not made by the parser is the root of its own tree until it is added to
 /// another with `AddSection`. A root owns all memory of its tree; sections that the parser made live inside it and
@@ -60,9 +63,9 @@ public:
 
 	CqorBXML* mDocument = nullptr;          ///< null outside a document
 	char mID[256];                          ///< the parameter "ID", cut to 255 characters; empty without one
-	char mType[32];                         ///< the name of the tag, cut to 31 characters
+	char mType[32];                         ///< the name of the tag, cut to 31 characters; not to be written by hosts
 	char* mHeaderBuff = nullptr;            ///< the text between "<" and ">"; null without an opening tag
-	const char* mContent = nullptr;         ///< in the text that was parsed, not terminated; null without content
+	char* mContent = nullptr;               ///< in the text that was parsed, not terminated; null without content
 	int mContentLength = 0;                 ///< up to the closing tag; 0 while parsing has not come that far
 	CqorBXML_Section* mParent = nullptr;    ///< null for a root
 	int mDepth = 0;                         ///< 0 for a root
@@ -79,7 +82,7 @@ public:
 
 	/// Reads the sections in a text up to the closing tag of this section or the end of the text.
 	/// They are added to those there are. Nesting is limited by memory alone. `mContent` will point
-	/// into `text`, which must last as long as it is used.
+	/// into `text`, which must last as long as it is used, and is as writable as `text` is.
 	/// @param text behind the opening tag, terminated
 	/// @return the place behind the closing tag, or the terminator; null for null, for a text of
 	///         2 GiB or more, at a tag that `ProcessHeader` refuses and without memory. The
@@ -136,8 +139,10 @@ public:
 
 	/// Set all `count` elements to the default and then as many as the value has items. Items have
 	/// "," between them, outside double quotes; of a value that begins with a quote the first and
-	/// last characters do not count. An item is the number at its start, without one 0 (nothing is
-	/// left out as by `GetIntVar`); an empty last item is none.
+	/// last characters do not count. There is one item more than there are such commas: "1,2," has three, and an
+	/// empty value has one. An item is the number at its start, behind white space (codes 9 to 13 and 32),
+	/// and 0 without one, so also when it is empty; nothing is left out as by `GetIntVar`. The real numbers
+	/// may be hexadecimal: "0x1p3" is 8.
 	/// @param out `count` elements; null, and a count below 1: nothing is written
 	/// @return 0; 0x10000000 when there is no such variable.
 	int GetIntArray(const char* path, int* out, int count, int defaultValue, int index = 0,
@@ -175,15 +180,21 @@ private:
 	void endAtTextEnd(CqorBXML_Section* last, const char* end);
 	eqorBXML_VAR* appendVar(char* name, char* value);
 	parameter_file::Arena* arena();
+	void typeChanges();
+	int walk(CqorBXML* document, int depth, CqorBXML_SectionCallBack callback);
 	bool contains(const CqorBXML_Section* section) const;
 	CqorBXML_Section* nextBelow(const CqorBXML_Section* top);
+	struct TypeOrder;
+	bool sortChildren() const;
+	bool sortChildrenFrom(int sorted) const;
 	CqorBXML_Section* childOfType(const parameter_file::PathName& type, int index) const;
 	CqorBXML_Section* childOfTypeFrom(int position, const parameter_file::PathName& type) const;
 	eqorBXML_VAR* varOfName(const parameter_file::PathName& name, int index) const;
 
-	std::int32_t mIndex = 0;                 // place among the parent's children
+	std::int32_t mIndex = 0; // place among the parent's children
+	// So many of the children stand in `mByType`, sorted. Threads that look up may read it when this is their number.
+	mutable std::atomic<std::int32_t> mSortedCount{0};
 	parameter_file::Arena* mArena = nullptr; // of the root that owns the memory; null until something is needed
-	// The inner section found last: its place (upper half) and how many of its own type stand before it. 0 is
-	// always true, and each value is complete, so that threads may look up at once.
-	mutable std::atomic<std::uint64_t> mLastFound{0};
+	mutable CqorBXML_Section** mByType = nullptr;
+	mutable std::uint32_t mByTypeRoom = 0;
 };

@@ -60,13 +60,13 @@ int fillArray(const eqorBXML_VAR* var, Number* out, int count, Number defaultVal
 	count = out ? std::max(count, 0) : 0;
 	std::fill_n(out, count, defaultValue);
 	if (!var) return kQorFailure;
-	auto rest = withoutQuotes(var->mValue);
+	const auto list = withoutQuotes(var->mValue);
+	const char* item = list.begin;
 	for (int i = 0; i < count; ++i) {
-		while (rest.begin < rest.end && static_cast<unsigned char>(*rest.begin) <= ' ') ++rest.begin;
-		if (rest.begin == rest.end) break; // an empty last item is none
-		const char* end = itemEnd(rest.begin, rest.end);
-		out[i] = static_cast<Number>(convert(rest.begin, end));
-		rest.begin = std::min(end + 1, rest.end);
+		const char* end = itemEnd(item, list.end);
+		out[i] = static_cast<Number>(convert(item, end));
+		if (end == list.end) break; // the last item, which may be empty
+		item = end + 1;
 	}
 	return kQorSuccess;
 }

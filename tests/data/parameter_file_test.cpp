@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -83,7 +84,8 @@ TEST(ParameterFile, Values) {
 	const Document document("<a b=1>");
 	char out[8];
 	EXPECT_EQ(document.GetIntVar("a.c", 5) + document.GetDoubleVar("a.c", 0.5), 5.5);
-	EXPECT_EQ(document.GetStringVar_Char("a.c", out, "d") | document.CopyStringVar("a.b", nullptr, 9, "x"), kFailure);
+	EXPECT_EQ(document.GetStringVar_Char("a.c", out, "d"), kFailure);
+	EXPECT_EQ(document.CopyStringVar("a.b", nullptr, 9, "x"), kFailure);
 	EXPECT_STREQ(out, "d");
 }
 
@@ -92,8 +94,10 @@ TEST(ParameterFile, Arrays) {
 		const char* value;
 		double items[4]; // 9: the default
 		int last;
-	} cases[] = {{"\"1.5, -2,x3,1e2\"", {1.5, -2, 0, 100}, 1}, {"1,,+3", {1, 0, 3, 9}, 9}, {"1,2,", {1, 2, 9, 9}, 9},
-	    {"\"1,25", {1, 2, 9, 9}, 9}, {"5\"a,\\\",b\",7", {5, 7, 9, 9}, 9}, {"", {9, 9, 9, 9}, 9},
+	} cases[] = {{"\"1.5, -2,x3,1e2\"", {1.5, -2, 0, 100}, 1}, {"1,,+3", {1, 0, 3, 9}, 9}, {"1,2,", {1, 2, 0, 9}, 9},
+	    {"\"1,25", {1, 2, 9, 9}, 9}, {"5\"a,\\\",b\",7", {5, 7, 9, 9}, 9}, {"", {0, 9, 9, 9}, 9},
+	    {"\"\"", {0, 9, 9, 9}, 9}, {"1, ", {1, 0, 9, 9}, 9}, {"\"\v-7,\0015,7,--5\"", {-7, 0, 7, 0}, 0},
+	    {"0x10,+0X1p3,-0x.8,0x1p9999", {16, 8, -0.5, HUGE_VAL}, 0}, {"0x1P-9999,0x-5,0xg,-0xeep1", {0, 0, 0, -476}, 0},
 	    {"1e400,-1e-400,-5e999,-99999999999,5", {HUGE_VAL, 0, -HUGE_VAL, -99999999999.0}, -2147483647 - 1}};
 	for (const auto& c : cases) {
 		CqorBXML_Section section;
@@ -133,11 +137,32 @@ TEST(ParameterFile, Paths) {
 	EXPECT_EQ(root.mChildren[1]->IsType("P") - root.mChildren[1]->IsType("p") + root.IsID("") - root.IsID(nullptr), 2);
 }
 
+TEST(ParameterFile, PathsAfterChanges) {
+	std::string text;
+	for (int i = 0; i < 40; ++i) text += "<n></n><m></m>";
+	const Document shared(text);
+	auto* root = shared.mRoot.mChildren[0]->mParent;
+	std::thread other([&] { EXPECT_EQ(shared.FindSection("M", 20), root->mChildren[41]); });
+	EXPECT_EQ(shared.FindSection("n", 20), root->mChildren[40]);
+	other.join();
+	root->mChildren[10]->Destroy();
+	EXPECT_TRUE(root->FindSection("n", 20) == root->mChildren[42] && root->FindSection("n", 19) == root->mChildren[40]);
+	root->mChildren[12]->ProcessHeader("<m>");
+	EXPECT_TRUE(root->FindSection("n", 19) == root->mChildren[42] && root->FindSection("m", 21) == root->mChildren[41]);
+	for (int i = 0; i < 40; ++i) {
+		auto* added = new CqorBXML_Section;
+		added->ProcessHeader(i % 2 ? "<m>" : "<A>");
+		EXPECT_TRUE(root->AddSection(added) == 0 && root->FindSection(i % 2 ? "M" : "a", i / 2 + i % 2 * 41) == added);
+	}
+	EXPECT_TRUE(root->FindSectionCountByType("M") == 61 && !root->FindSection("m", 61) && !root->FindSection("none"));
+}
+
 std::string walked; // the types and depths that the callback was called for
 
 int note(CqorBXML* document, CqorBXML_Section* section, int depth) {
 	walked += section->mType + std::to_string(depth) + " ";
-	if (section->IsType("stop")) document->Close();
+	if (section->IsType("free")) document->FindSection("h")->Destroy();
+	if (section->IsType("stop")) section->mParent->Destroy();
 	return kFailure; // without effect
 }
 
@@ -148,7 +173,16 @@ TEST(ParameterFile, Walks) {
 	EXPECT_EQ(document.CallBackTree(note), kFailure);
 	document.mCallBack = note;
 	EXPECT_EQ(document.OpenFromBuffer("<x>", 3) + document.CallBackTree(note), 0);
-	EXPECT_EQ(walked, "b7 c8 b7 a0 b1 c2 b1 stop0 x0 x0 ");
+	CqorBXML_Section host; // without a document
+	host.ProcessContent("<a></a><stop></stop><b></b>");
+	EXPECT_EQ(document.CallBackSection(nullptr, &host, 0, note) + host.mChildCount, kFailure);
+	document.OpenFromBuffer("<free></free><z><stop>", 22, [](CqorBXML*, CqorBXML_Section*, int) { return 0; });
+	auto* added = new CqorBXML_Section;
+	added->ProcessContent(added->ProcessHeader("<h><c>") + 1);
+	document.mRoot.AddSection(added);
+	EXPECT_EQ(document.CallBackSection(&document, document.FindSection("z"), 5, note), kFailure);
+	EXPECT_EQ(document.CallBackTree(note), 0); // what is destroyed lies beside the visited section
+	EXPECT_EQ(walked, "b7 c8 b7 a0 b1 c2 b1 stop0 x0 x0 a0 stop0 stop5 free0 0 0 ");
 }
 
 TEST(ParameterFile, Opens) {
@@ -211,19 +245,19 @@ TEST(ParameterFile, DeepAndWideTexts) {
 	std::string deep, path, wide = "<t";
 	for (int i = 0; i < count; ++i) deep += "<n>", path += "n.", wide += " v=" + std::to_string(i);
 	wide += ">";
-	for (int i = 0; i < count; ++i) wide += "<n v></n>";
+	for (int i = 0; i < count; ++i) wide += i % 2 ? "<m v></m>" : "<n v></n>";
+	wide += "<b w=7></b>";
 	Document nested(deep), flat(wide);
 	EXPECT_FALSE(nested.FindVar((path + "v").c_str())); // all the way down and back
 	static int deepest;
 	nested.CallBackTree([](CqorBXML*, CqorBXML_Section*, int depth) { return deepest = depth; });
 	EXPECT_EQ(deepest, count - 1);
 	const auto* table = flat.FindSection("t");
-	EXPECT_EQ(table->GetIntVar("v", 0, count - 1) + 1, table->FindSectionCountByType("n"));
+	EXPECT_EQ(table->GetIntVar("v", 0, count - 1) + 1, 2 * table->FindSectionCountByType("n"));
 	for (int i = 0; i < count; ++i) { // an hour if each lookup began at the first section
-		ASSERT_EQ(table->GetSectionByType("n", i), table->mChildren[i]);
-		ASSERT_EQ(table->GetIntVar("n.v", 0), 1);
+		ASSERT_EQ(table->GetSectionByType(i % 2 ? "M" : "n", i / 2), table->mChildren[i]);
+		ASSERT_EQ(table->GetIntVar("b.w", table->FindSectionCountByType("none")), 7);
 	}
-	EXPECT_EQ(table->GetSectionByType("n", 17), table->mChildren[17]);
 }
 
 } // namespace

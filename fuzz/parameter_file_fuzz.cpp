@@ -11,12 +11,13 @@ static int check(CqorBXML* document, CqorBXML_Section* section, int depth) {
 	const auto start = section->mContent ? section->mContent - document->mText : 0;
 	if (start < 0 || section->mContentLength < 0 || start + section->mContentLength > document->mTextLength)
 		std::abort();
-	std::string out(std::strlen(section->mHeaderBuff) + 1, '\0');
 	for (int i = 0; i < section->mVarCount; ++i) {
 		const char* name = section->mVars[i]->mName;
 		double items[3] = {section->GetDoubleVar(name, section->GetIntVar(name, 0))};
 		section->GetDoubleArray(name, items, 3, items[0]);
 		document->FindVar((path + name).c_str(), i);
+		const auto* found = section->FindVar(name); // a name with a point leads to another section
+		std::string out(found ? std::strlen(found->mValue) + 1 : 1, '\0');
 		if (section->GetStringVar(name, out.data(), "") != 0 && *name && !std::strchr(name, '.')) std::abort();
 	}
 	return 0;

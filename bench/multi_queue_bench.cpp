@@ -6,18 +6,17 @@
 //   multi_queue_bench [items per run] [repetitions]
 //
 // Repetitions are interleaved; a cell is the median with half the distance of its quartiles.
+#include "condition_queue.h"
+
 #include <qor/threads/multi_queue_instance.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -85,54 +84,12 @@ struct Message {
 	void* pointer2;
 };
 
-class ConditionQueue {
-public:
-	ConditionQueue(int workers, int capacity) : mCapacity(static_cast<size_t>(capacity)) {
-		for (int i = 0; i < workers; ++i) mWorkers.emplace_back([this] { serve(); });
-	}
-	~ConditionQueue() {
-		{
-			const std::lock_guard lock(mMutex);
-			mEnd = true;
-		}
-		mFilled.notify_all();
-		for (auto& worker : mWorkers) worker.join();
-	}
-	bool add(const Message& message) {
-		{
-			const std::lock_guard lock(mMutex);
-			if (mMessages.size() >= mCapacity) return false;
-			mMessages.push_back(message);
-		}
-		mFilled.notify_one();
-		return true;
-	}
-
-private:
-	void serve() {
-		for (;;) {
-			std::unique_lock lock(mMutex);
-			mFilled.wait(lock, [this] { return mEnd || !mMessages.empty(); });
-			if (mMessages.empty()) return;
-			mMessages.pop_front();
-			lock.unlock();
-			consume();
-		}
-	}
-	std::mutex mMutex;
-	std::condition_variable mFilled;
-	std::deque<Message> mMessages;
-	size_t mCapacity;
-	bool mEnd = false;
-	std::vector<std::thread> mWorkers;
-};
-
 /// Dealt out by an atomic counter: less than the multi-queue promises, which never skips a turn.
 class ConditionSet : public Contestant {
 public:
 	ConditionSet(int queues, int capacity) {
 		for (int i = 0; i < queues; ++i)
-			mQueues.push_back(std::make_unique<ConditionQueue>(kWorkers / queues, capacity / queues));
+			mQueues.push_back(std::make_unique<Queue>(kWorkers / queues, capacity / queues, Consume()));
 	}
 	bool add(unsigned word) override {
 		const size_t start = mNext.fetch_add(1, std::memory_order_relaxed);
@@ -142,7 +99,11 @@ public:
 	}
 
 private:
-	std::vector<std::unique_ptr<ConditionQueue>> mQueues;
+	struct Consume {
+		void operator()(const Message&) const { consume(); }
+	};
+	using Queue = ConditionQueue<Message, Consume>;
+	std::vector<std::unique_ptr<Queue>> mQueues;
 	std::atomic<size_t> mNext{0};
 };
 

@@ -5,18 +5,17 @@
 //   queue_bench [items per run] [repetitions]
 //
 // Repetitions are interleaved; a cell is the median with half the distance of its quartiles.
+#include "condition_queue.h"
+
 #include <qor/threads/queue_instance.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -74,48 +73,17 @@ private:
 	Cqor_MQInstance mInstance;
 };
 
-class ConditionQueue : public Contestant {
+class Condition : public Contestant {
 public:
-	ConditionQueue(int workers, int capacity, Sink& sink) : mCapacity(static_cast<size_t>(capacity)), mSink(sink) {
-		for (int i = 0; i < workers; ++i) mWorkers.emplace_back([this] { serve(); });
-	}
-	~ConditionQueue() override {
-		{
-			std::lock_guard lock(mMutex);
-			mEnd = true;
-		}
-		mFilled.notify_all();
-		for (auto& worker : mWorkers) worker.join();
-	}
-	bool add(const Message& message) override {
-		{
-			std::lock_guard lock(mMutex);
-			if (mMessages.size() >= mCapacity) return false;
-			mMessages.push_back(message);
-		}
-		mFilled.notify_one();
-		return true;
-	}
+	Condition(int workers, int capacity, Sink& sink) : mQueue(workers, capacity, Take{&sink}) {}
+	bool add(const Message& message) override { return mQueue.add(message); }
 
 private:
-	void serve() {
-		for (;;) {
-			std::unique_lock lock(mMutex);
-			mFilled.wait(lock, [this] { return mEnd || !mMessages.empty(); });
-			if (mMessages.empty()) return;
-			const Message message = mMessages.front();
-			mMessages.pop_front();
-			lock.unlock();
-			mSink.take(message.pointer1);
-		}
-	}
-	std::mutex mMutex;
-	std::condition_variable mFilled;
-	std::deque<Message> mMessages;
-	size_t mCapacity;
-	bool mEnd = false;
-	Sink& mSink;
-	std::vector<std::thread> mWorkers;
+	struct Take {
+		Sink* sink;
+		void operator()(const Message& message) const { sink->take(message.pointer1); }
+	};
+	ConditionQueue<Message, Take> mQueue;
 };
 
 #if defined(HAVE_CONCURRENTQUEUE)
@@ -168,7 +136,7 @@ Entry entry(const char* name) {
 
 std::vector<Entry> contestants() {
 	return {
-		entry<Instance>("instance"), entry<ConditionQueue>("mutex+condition"),
+		entry<Instance>("instance"), entry<Condition>("mutex+condition"),
 #if defined(HAVE_CONCURRENTQUEUE)
 		    entry<ConcurrentQueue>("lock-free"),
 #endif

@@ -1,11 +1,13 @@
 #pragma once
 
+#include "../platform/letter_case_internal.h"
+
 #include <cstddef>
 #include <cstring>
 
 namespace parameter_file {
 
-inline char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
+using platform::lowerCase;
 
 /// One name of a path, or a name on its own.
 struct PathName {

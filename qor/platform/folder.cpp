@@ -1,6 +1,7 @@
 #include "folder.h"
 
 #include "folder_internal.h"
+#include "letter_case_internal.h"
 #include "machine.h"
 
 #include <algorithm>
@@ -13,8 +14,6 @@ namespace platform {
 namespace {
 
 constexpr uint32_t kNoMemory = 8;
-
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 bool before(const FoundFile& a, const FoundFile& b) { return a.path < b.path; }
 
@@ -52,7 +51,7 @@ const char* fileNamePart(const char* path) {
 bool hasExtension(const char* name, const char* extension) {
 	const char* point = std::strrchr(name, '.');
 	const char* own = point ? point + 1 : "";
-	while (*own && lower(*own) == lower(*extension)) ++own, ++extension;
+	while (*own && lowerCase(*own) == lowerCase(*extension)) ++own, ++extension;
 	return *own == 0 && *extension == 0;
 }
 

@@ -6,6 +6,7 @@
 #include "../core/class_manager.h"
 #include "../platform/file.h"
 #include "../platform/format.h"
+#include "../platform/letter_case_internal.h"
 #include "../platform/memory.h"
 #include "../platform/module.h"
 #include "module_record_internal.h"
@@ -13,6 +14,9 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+
+using platform::equalWithoutCase;
+using platform::lowerCase;
 
 namespace {
 
@@ -36,16 +40,6 @@ platform::WaitHandle versionLock() {
 	return lock;
 }
 
-template <class Character>
-Character lowered(Character c) {
-	return c >= 'A' && c <= 'Z' ? static_cast<Character>(c - 'A' + 'a') : c;
-}
-
-bool equalWithoutCase(const char* a, const char* b) {
-	while (*a && lowered(*a) == lowered(*b)) ++a, ++b;
-	return lowered(*a) == lowered(*b);
-}
-
 /// Whether the first tag in `text` that begins as `tag` does, up to its parenthesis, is that
 /// tag. Later tags of the kind do not count. Letters of any case match in the search as in the
 /// comparison, so that "cs(unicode)" is found at all.
@@ -53,7 +47,7 @@ int hasTag(const eqorDM_INFO* information, std::u16string_view tag) {
 	if (!information) return 0;
 	std::u16string_view text(information->mText, std::size(information->mText));
 	text = text.substr(0, text.find(u'\0'));
-	const auto same = [](char16_t a, char16_t b) { return lowered(a) == lowered(b); };
+	const auto same = [](char16_t a, char16_t b) { return lowerCase(a) == lowerCase(b); };
 	const auto prefix = tag.substr(0, tag.find(u'(') + 1);
 	const auto found = std::search(text.begin(), text.end(), prefix.begin(), prefix.end(), same);
 	const auto rest = text.substr(static_cast<size_t>(found - text.begin()), tag.size());
@@ -103,7 +97,7 @@ int CqorDynamicModule::SetFilePath(const char* path) {
 /// FNV-1a.
 uint32_t CqorDynamicModule::pathHash(const char* path) {
 	uint32_t hash = 0x811C9DC5;
-	for (; *path; ++path) hash = (hash ^ static_cast<unsigned char>(lowered(*path))) * 0x01000193;
+	for (; *path; ++path) hash = (hash ^ static_cast<unsigned char>(lowerCase(*path))) * 0x01000193;
 	return hash;
 }
 

@@ -5,6 +5,7 @@
 #include "../core/line_parameters.h"
 #include "../platform/folder.h"
 #include "../platform/format.h"
+#include "../platform/letter_case_internal.h"
 #include "../platform/machine.h"
 #include "../platform/module.h"
 #include "live_table_internal.h"
@@ -20,13 +21,6 @@ constexpr size_t kMaximumPlugIns = 1024;
 constexpr uint32_t kPathTooLong = 206; // the system's number for it
 // Room behind the buffers that plug-ins fill, for one that does not keep to their size.
 constexpr size_t kInformationGuard = 3584;
-
-char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-bool equalWithoutCase(const char* a, const char* b) {
-	while (*a && lowered(*a) == lowered(*b)) ++a, ++b;
-	return *a == *b;
-}
 
 } // namespace
 
@@ -219,13 +213,13 @@ CqorSIO_Object* CqorSIO_PIManager::makeObject(
 	_mclog("  Type=[%s]", type);
 
 	CqorSIO_Object* object = nullptr;
-	if (equalWithoutCase(type, "CqorSIO_Object")) {
+	if (platform::equalWithoutCase(type, "CqorSIO_Object")) {
 		object = new (std::nothrow) CqorSIO_Object;
 		return object;
 	}
-	if (equalWithoutCase(type, "CqorSIO_VideoCap"))
+	if (platform::equalWithoutCase(type, "CqorSIO_VideoCap"))
 		object = askHost<eqorSIO_CREATE_VIDEOCAP>(*this, path, objectContext, function, info, type);
-	else if (equalWithoutCase(type, "CqorSIO_TimeCap"))
+	else if (platform::equalWithoutCase(type, "CqorSIO_TimeCap"))
 		object = askHost<eqorSIO_CREATE_TIMECAP>(*this, path, objectContext, function, info, type);
 	else
 		_mclog(3, "Unknown piType");

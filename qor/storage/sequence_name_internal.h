@@ -1,5 +1,7 @@
 #pragma once
 
+#include "../platform/letter_case_internal.h"
+
 #include <cstddef>
 #include <initializer_list>
 #include <string>
@@ -40,10 +42,7 @@ inline SequenceName splitSequenceName(std::string_view path) {
 }
 
 /// A character as it is compared: ASCII letters without their case, both separators alike.
-inline char foldSequenceChar(char c) {
-	if (c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
-	return c == '\\' ? '/' : c;
-}
+inline char foldSequenceChar(char c) { return c == '\\' ? '/' : platform::lowerCase(c); }
 
 inline bool equalInSequence(std::string_view a, std::string_view b) {
 	if (a.size() != b.size()) return false;

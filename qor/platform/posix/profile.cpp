@@ -2,6 +2,7 @@
 
 #include "../file.h"
 #include "../folder.h"
+#include "../letter_case_internal.h"
 #include "../machine.h"
 #include "../profile_internal.h"
 #include "path_internal.h"
@@ -37,12 +38,10 @@ std::string_view trim(std::string_view text) {
 	return text;
 }
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 bool sameName(std::string_view a, std::string_view b) {
 	if (a.size() != b.size()) return false;
 	for (size_t i = 0; i < a.size(); ++i) {
-		if (lower(a[i]) != lower(b[i])) return false;
+		if (lowerCase(a[i]) != lowerCase(b[i])) return false;
 	}
 	return true;
 }
@@ -193,7 +192,7 @@ int toInteger(std::string_view value) {
 	}
 	uint32_t result = 0;
 	for (; at < value.size(); ++at) {
-		const char c = lower(value[at]);
+		const char c = lowerCase(value[at]);
 		const unsigned digit = c >= '0' && c <= '9'   ? static_cast<unsigned>(c - '0')
 		                       : c >= 'a' && c <= 'f' ? static_cast<unsigned>(c - 'a' + 10)
 		                                              : 16;

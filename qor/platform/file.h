@@ -43,6 +43,8 @@ struct FileOpen {
 	/// What later opens of the same file may do. Between processes of Linux it is advisory.
 	uint32_t share = kShareRead | kShareWrite;
 	uint32_t flags = kAttributeNormal;
+	/// A file that is made is for this user alone, until `takeRightsOf`.
+	bool isPrivate = false;
 };
 
 enum class SeekOrigin : uint32_t { begin = 0, current = 1, end = 2 };
@@ -60,6 +62,10 @@ public:
 	virtual bool size(int64_t* bytes) = 0;
 	/// Hands everything written to the medium.
 	virtual bool flush() = 0;
+	/// Gives a private file the owner, group and rights of the file at `path` (a link itself
+	/// is not followed), or those of a newly made file without one. What the system refuses
+	/// stays private.
+	virtual void takeRightsOf(const char* path) { static_cast<void>(path); }
 	/// Disk queries; false for what is not a disk or volume (see disk.h).
 	virtual bool geometry(DiskGeometry* out) = 0;
 	virtual bool layout(DiskLayout* out) = 0;
@@ -78,7 +84,8 @@ public:
 	virtual bool remove(const char* path) = 0;
 	/// Gives `from` the name `to` in one step: a reader, or a crash, meets the old contents
 	/// of `to` or the new ones, never anything between. Both are on one volume. The step
-	/// waits until the medium has it.
+	/// waits until the medium has it. On Windows nothing replaces an open file: the call
+	/// waits a moment for readers to close it, and then fails (error 5 or 32).
 	virtual bool replace(const char* from, const char* to) = 0;
 };
 

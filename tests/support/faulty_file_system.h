@@ -143,6 +143,7 @@ private:
 		}
 		bool size(int64_t* bytes) override { return mState->admit(Call::size, 1) && mFile->size(bytes); }
 		bool flush() override { return mState->admit(Call::flush, 1) && mFile->flush(); }
+		void takeRightsOf(const char* path) override { mFile->takeRightsOf(path); }
 		bool geometry(platform::DiskGeometry* out) override { return mFile->geometry(out); }
 		bool layout(platform::DiskLayout* out) override { return mFile->layout(out); }
 		bool deviceNumber(platform::DeviceNumber* out) override { return mFile->deviceNumber(out); }

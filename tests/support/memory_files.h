@@ -14,7 +14,7 @@ public:
 	MemoryFiles() { platform::replaceFileSystem(this); }
 	~MemoryFiles() override { platform::replaceFileSystem(nullptr); }
 	std::unique_ptr<platform::File> open(const char* path, const platform::FileOpen& how) override {
-		if (how.disposition == platform::Disposition::createAlways) contents[path].clear();
+		if (how.disposition <= platform::Disposition::createAlways) contents[path].clear();
 		return exists(path) ? std::make_unique<MemoryFile>(contents[path]) : nullptr;
 	}
 	bool exists(const char* path) override { return contents.count(path) != 0; }

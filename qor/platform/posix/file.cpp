@@ -4,6 +4,7 @@
 #include "disk_internal.h"
 #include "errors.h"
 #include "path_internal.h"
+#include "rights_internal.h"
 #include "share_internal.h"
 
 #include <algorithm>
@@ -34,6 +35,9 @@ constexpr uint32_t kNegativeSeek = 131;
 constexpr uint32_t kAlreadyExists = 183;
 
 constexpr uint32_t kFileSectorSize = 512;
+
+constexpr mode_t kEverybody = 0666; // less the host's mask
+constexpr mode_t kOwnerOnly = 0600;
 
 bool fail(uint32_t error) {
 	setLastError(error);
@@ -69,10 +73,10 @@ uint32_t openError(int number, const char* path) {
 	return stat(folder.text(), &above) == 0 && S_ISDIR(above.st_mode) ? kFileNotFound : kPathNotFound;
 }
 
-int openRetrying(const char* path, int flags) {
+int openRetrying(const char* path, int flags, mode_t rights = kEverybody) {
 	int handle;
 	do {
-		handle = open(path, flags, 0666);
+		handle = open(path, flags, rights);
 	} while (handle < 0 && errno == EINTR);
 	return handle;
 }
@@ -126,7 +130,7 @@ bool syncDescriptor(int handle) {
 }
 
 bool syncPath(const char* path, int flags) {
-	Descriptor handle(openRetrying(path, O_CLOEXEC | O_NOCTTY | flags));
+	Descriptor handle(openRetrying(path, O_CLOEXEC | O_NOCTTY | O_NONBLOCK | flags));
 	return handle && syncDescriptor(handle.get());
 }
 
@@ -172,7 +176,8 @@ bool PosixFileSystem::replace(const char* from, const char* to) {
 	source.folder(&sourceFolder);
 	target.folder(&targetFolder);
 	// The new contents must be on the medium before they carry the name.
-	if (!syncPath(source.text(), O_RDONLY) && !(errno == EACCES && syncPath(source.text(), O_WRONLY))) {
+	if (!syncPath(source.text(), O_RDONLY | O_NOFOLLOW) &&
+	    !(errno == EACCES && syncPath(source.text(), O_WRONLY | O_NOFOLLOW))) {
 		return fail(openError(errno, source.text()));
 	}
 	if (rename(source.text(), target.text()) != 0) {
@@ -208,7 +213,7 @@ Descriptor openDescriptor(const char* path, const FileOpen& how, Target target) 
 
 	int flags = systemFlags(how);
 	if (target == Target::device) flags &= ~O_CREAT;
-	Descriptor handle(openRetrying(path, flags));
+	Descriptor handle(openRetrying(path, flags, how.isPrivate ? kOwnerOnly : kEverybody));
 	if (!handle && errno == EACCES && (flags & O_ACCMODE) == O_RDWR && !(how.access & kAccessRead)) {
 		handle = Descriptor(openRetrying(path, (flags & ~O_ACCMODE) | O_WRONLY));
 	}
@@ -311,6 +316,11 @@ bool PosixFile::size(int64_t* bytes) {
 bool PosixFile::flush() {
 	if (!(mAccess & kAccessWrite) || syncDescriptor(handle())) return true;
 	return failWithErrno();
+}
+
+void PosixFile::takeRightsOf(const char* path) {
+	NativePath native;
+	if (native.assign(path)) takeRights(handle(), native.text());
 }
 
 bool PosixFile::geometry(DiskGeometry*) { return fail(kInvalidFunction); }

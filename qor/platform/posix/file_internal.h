@@ -47,6 +47,7 @@ public:
 	bool seek(int64_t offset, SeekOrigin origin, int64_t* newPosition) override;
 	bool size(int64_t* bytes) override;
 	bool flush() override;
+	void takeRightsOf(const char* path) override;
 	bool geometry(DiskGeometry* out) override;
 	bool layout(DiskLayout* out) override;
 	bool deviceNumber(DeviceNumber* out) override;

@@ -14,6 +14,10 @@
 namespace platform {
 namespace {
 
+constexpr DWORD kMostRights = 64 << 10; // no access list is longer
+// A reader or a virus scanner has a file open for a moment, during which nothing replaces it.
+constexpr DWORD kReplaceTries = 100;
+constexpr DWORD kReplacePauseMs = 1;
 constexpr uint32_t kFileSectorSize = 512; // the least there is; a larger one is checked by the system
 
 bool fail(uint32_t error) {
@@ -57,6 +61,7 @@ public:
 	uint32_t read(void* buffer, uint32_t count) override;
 	bool seek(int64_t offset, SeekOrigin origin, int64_t* newPosition) override;
 	bool size(int64_t* bytes) override;
+	void takeRightsOf(const char* path) override;
 	bool flush() override { return !(mAccess & kAccessWrite) || FlushFileBuffers(mHandle.get()) != FALSE; }
 	bool geometry(DiskGeometry* out) override { return isDisk(out) && queryGeometry(mHandle.get(), out); }
 	bool layout(DiskLayout* out) override { return isDisk(out) && queryLayout(mHandle.get(), out); }
@@ -145,6 +150,17 @@ bool WindowsFile::size(int64_t* bytes) {
 	return true;
 }
 
+/// A new file has the rights that its folder gives, private or not; those of an old one may
+/// have been set by hand.
+void WindowsFile::takeRightsOf(const char* path) {
+	constexpr SECURITY_INFORMATION kAccessList = DACL_SECURITY_INFORMATION;
+	const std::unique_ptr<char[]> rights(new (std::nothrow) char[kMostRights]);
+	DWORD needed = 0;
+	if (rights && path && GetFileSecurityA(path, kAccessList, rights.get(), kMostRights, &needed)) {
+		static_cast<void>(SetKernelObjectSecurity(mHandle.get(), kAccessList, rights.get()));
+	}
+}
+
 class WindowsFileSystem final : public FileSystem {
 public:
 	std::unique_ptr<File> open(const char* path, const FileOpen& how) override;
@@ -166,7 +182,8 @@ std::unique_ptr<File> WindowsFileSystem::open(const char* path, const FileOpen& 
 		return nullptr;
 	}
 	setLastError(0);
-	Handle handle = openHandle(path, how.access, how.share, static_cast<uint32_t>(how.disposition), how.flags);
+	const uint32_t access = how.access | (how.isPrivate ? WRITE_DAC : 0u); // to set its rights later
+	Handle handle = openHandle(path, access, how.share, static_cast<uint32_t>(how.disposition), how.flags);
 	if (!handle) return nullptr;
 	const uint32_t outcome = lastError();
 	std::unique_ptr<File> file(new (std::nothrow) WindowsFile(std::move(handle), how, isDeviceName(path)));
@@ -188,7 +205,12 @@ bool WindowsFileSystem::replace(const char* from, const char* to) {
 		    static_cast<uint32_t>(Disposition::openExisting), kAttributeNormal);
 		if (!source || !FlushFileBuffers(source.get())) return false;
 	}
-	return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != FALSE;
+	for (DWORD i = 1;; ++i) {
+		if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) return true;
+		const uint32_t error = lastError();
+		if ((error != ERROR_SHARING_VIOLATION && error != ERROR_ACCESS_DENIED) || i == kReplaceTries) return false;
+		Sleep(kReplacePauseMs);
+	}
 }
 
 } // namespace

@@ -2,10 +2,10 @@
 
 #include "../platform/format.h"
 #include "../platform/memory.h"
+#include "../platform/number.h"
 #include "../platform/profile.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 
@@ -54,7 +54,7 @@ double CstosINIFile::GetDoubleValue(const char* section, const char* key, double
 	char text[kNumberTextSize] = "";
 	if (!mPath[0] || !section || !key) return defaultValue;
 	platform::profileGetString(section, key, "", text, sizeof text, mPath);
-	return text[0] ? std::atof(text) : defaultValue;
+	return text[0] ? platform::parseDecimal(text) : defaultValue;
 }
 
 int CstosINIFile::GetStringValue(const char* section, const char* key, char* out, const char* defaultValue, int size) {

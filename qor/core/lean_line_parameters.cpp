@@ -1,10 +1,10 @@
 #include "../base/status.h"
 #include "../platform/memory.h"
+#include "../platform/number.h"
 #include "line_parameters.h"
 #include "line_split_internal.h"
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
 using namespace line_split;
@@ -92,10 +92,10 @@ char* CstqLineParSet::GetCHARPar(int index, char* output, std::size_t size, cons
 
 int CstqLineParSet::GetIntPar(int index, int fallback) const {
 	const char* text = at(index);
-	return text ? toInt(text) : fallback;
+	return text ? platform::parseInt(text) : fallback;
 }
 
 double CstqLineParSet::GetDoublePar(int index, double fallback) const {
 	const char* text = at(index);
-	return text ? std::atof(text) : fallback;
+	return text ? platform::parseDouble(text) : fallback;
 }

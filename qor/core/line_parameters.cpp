@@ -1,24 +1,22 @@
 #include "line_parameters.h"
 
 #include "../base/status.h"
+#include "../platform/letter_case_internal.h"
 #include "../platform/memory.h"
+#include "../platform/number.h"
 #include "line_split_internal.h"
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
 using namespace line_split;
 
 namespace {
 
-/// ASCII only: names of parameters do not depend on the host's locale.
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
-
 /// The text behind "=" when `text` is `name=...`, otherwise null.
 const char* valueOf(const char* text, const char* name) {
 	for (; *name; ++name, ++text)
-		if (lower(*text) != lower(*name)) return nullptr;
+		if (platform::lowerCase(*text) != platform::lowerCase(*name)) return nullptr;
 	return *text == '=' ? text + 1 : nullptr;
 }
 
@@ -107,12 +105,12 @@ char* CmcLineParSet::GetPar(int index, char* output, std::size_t size, const cha
 
 int CmcLineParSet::GetIntPar(int index, int fallback) const {
 	const char* text = at(index);
-	return text ? toInt(text) : fallback;
+	return text ? platform::parseInt(text) : fallback;
 }
 
 double CmcLineParSet::GetDoublePar(int index, double fallback) const {
 	const char* text = at(index);
-	return text ? std::atof(text) : fallback;
+	return text ? platform::parseDouble(text) : fallback;
 }
 
 unsigned int CmcLineParSet::GetParIdx(const char* name) const {
@@ -140,12 +138,12 @@ const char* CmcLineParSet::par(const char* name, int k) const {
 
 int CmcLineParSet::parInt(const char* name, int k, int fallback) const {
 	const char* text = behind(name, k);
-	return text ? toInt(text) : fallback;
+	return text ? platform::parseInt(text) : fallback;
 }
 
 double CmcLineParSet::parDouble(const char* name, int k, double fallback) const {
 	const char* text = behind(name, k);
-	return text ? std::atof(text) : fallback;
+	return text ? platform::parseDouble(text) : fallback;
 }
 
 char* CmcLineParSet::parString(const char* name, int k, char* output, const char* fallback) const {

@@ -3,10 +3,8 @@
 #include "../platform/memory.h"
 
 #include <algorithm>
-#include <bit>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 namespace line_split {
@@ -89,12 +87,6 @@ char* copyText(char* out, std::size_t size, const char* text) {
 	std::memmove(out, text, length);
 	out[length] = '\0';
 	return out;
-}
-
-int toInt(const char* text) {
-	// Not atoi: a number beyond the range would be undefined.
-	const long number = std::strtol(text, nullptr, 10);
-	return static_cast<int>(std::clamp<long long>(number, INT_MIN, INT_MAX));
 }
 
 } // namespace line_split

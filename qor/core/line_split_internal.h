@@ -37,7 +37,4 @@ char* postProcess(char* start, char* end, char* scratch);
 /// Copies a terminated text, cut to `size` - 1 characters (size 0: nothing). Null texts are empty.
 char* copyText(char* out, std::size_t size, const char* text);
 
-/// The integer at the start of the text, limited to the range of `int`.
-int toInt(const char* text);
-
 } // namespace line_split

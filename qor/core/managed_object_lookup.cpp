@@ -1,8 +1,7 @@
+#include "../platform/number.h"
 #include "managed_object.h"
 #include "runtime.h"
 
-#include <cctype>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -54,8 +53,7 @@ struct PathStep {
 };
 
 bool isNameCharacter(char c) {
-	const auto code = static_cast<unsigned char>(c);
-	return std::isalnum(code) || c == '_' || code > 127;
+	return platform::isDigit(c) || platform::isLetter(c) || c == '_' || static_cast<unsigned char>(c) > 127;
 }
 
 PathStep nameStep(Cmc* from, const char* path) {
@@ -79,7 +77,7 @@ PathStep childStep(Cmc* from, const char* index, const char* end) {
 	const std::size_t length = std::strcspn(index, "]");
 	if (length < 1 || length > kMaximumDigits || index + length + 1 != end) return {};
 	if (*end == '.' && end[1] == '\0') return {};
-	Cmc* child = from->_mcGetChild(std::atoi(index));
+	Cmc* child = from->_mcGetChild(platform::parseInt(index));
 	return *end == '.' ? PathStep{child, end + 1} : PathStep{child};
 }
 

@@ -5,12 +5,12 @@
 #include "../platform/folder.h"
 #include "../platform/format.h"
 #include "../platform/machine.h"
+#include "../platform/number.h"
 #include "../platform/profile.h"
 #include "log_internal.h"
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -57,7 +57,7 @@ void deriveLogFile(char* out, size_t size) {
 double readProcessorSpeed() {
 	char text[kSpeedTextSize] = "";
 	platform::profileGetString("MAIN", "processor_speed", "", text, sizeof text, configFile);
-	return text[0] ? std::atof(text) : 0.0;
+	return text[0] ? platform::parseDecimal(text) : 0.0;
 }
 
 /// `event` is "Started" or "Finished".

@@ -1,14 +1,14 @@
 #include "../base/status.h"
-#include "parameter_number_internal.h"
+#include "../platform/number.h"
 #include "parameter_section.h"
 
 #include <algorithm>
 #include <cstring>
 
-using parameter_file::toDouble;
-using parameter_file::toInt;
-
 namespace {
+
+int toInt(const char* text, const char* end) { return platform::parseInt(text, end); }
+double toDouble(const char* text, const char* end) { return platform::parseDouble(text, end); }
 
 struct Range {
 	const char* begin;

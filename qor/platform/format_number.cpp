@@ -1,5 +1,7 @@
 #include "format_number_internal.h"
 
+#include "number.h"
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
@@ -187,6 +189,20 @@ Number makeReal(double value, const Directive& d, char* digits) {
 	return arrangeReal(d, std::signbit(value), exactHex ? 0 : wanted - precision, digits, length);
 }
 
+namespace {
+
+/// The host's locale may write the point as another character, of several bytes even. @return the new length.
+size_t withPoint(char* digits, size_t length) {
+	char* const end = digits + length;
+	char* const point = std::find_if_not(digits, end, isDigit);
+	if (point == end || (*point | 0x20) == 'e') return length;
+	char* const behind = std::find_if(point, end, [](char c) { return isDigit(c) || (c | 0x20) == 'e'; });
+	*point = '.';
+	return static_cast<size_t>(std::move(behind, end, point + 1) - digits);
+}
+
+} // namespace
+
 /// Only what a double cannot hold goes to the C library.
 Number makeLongReal(long double value, const Directive& d, char* digits) {
 	const char style = static_cast<char>(d.conversion | 0x20);
@@ -199,8 +215,9 @@ Number makeLongReal(long double value, const Directive& d, char* digits) {
 	const char alternate[] = {'%', '#', '.', '*', 'L', style, 0};
 	const int length = std::snprintf(
 	    digits, kLongDoubleDigits, d.alternate ? alternate : plain, static_cast<int>(precision), std::fabs(value));
-	const bool whole = length > 0 && static_cast<size_t>(length) < kLongDoubleDigits;
-	return arrangeReal(d, std::signbit(value), wanted - precision, digits, whole ? static_cast<size_t>(length) : 0);
+	if (length <= 0 || static_cast<size_t>(length) >= kLongDoubleDigits) return arrangeReal(d, false, 0, digits, 0);
+	const size_t used = withPoint(digits, static_cast<size_t>(length));
+	return arrangeReal(d, std::signbit(value), wanted - precision, digits, used);
 }
 
 } // namespace platform::formatting

@@ -1,5 +1,7 @@
 #include "qor/platform/format.h"
+#include "qor/platform/number.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -34,6 +36,7 @@ template <class... Values>
 void agrees(const char* one, Values... values) {
 	char expected[512];
 	std::snprintf(expected, sizeof expected, one, values...);
+	std::replace(expected, expected + std::strlen(expected), ',', '.'); // the point of the host's locale
 	EXPECT_EQ(format(one, values...), expected) << one;
 }
 
@@ -95,6 +98,26 @@ TEST(Format, RealsAgreeWithTheCLibrary) {
 		    static_cast<double>(digits) / static_cast<double>(int64_t{1} << random() % 50); // many exact halves
 		if (i % 3 == 0) value = std::ldexp(static_cast<double>(random() % 2000), -static_cast<int>(random() % 12));
 		agrees(formats[random() % std::size(formats)], random() & 1 ? value : -value);
+	}
+}
+
+TEST(Number, ReadsWhatStandsAtTheStart) {
+	static constexpr struct {
+		const char* text;
+		double number, decimal;
+		int stop, integer;
+	} cases[] = {{" \t-2.75e1x", -27.5, -27.5, 9, -2}, {"2,75", 2, 2, 1, 2}, {"0x10", 16, 0, 4, 0},
+	    {"1d2", 1, 100, 1, 1}, {"inf", HUGE_VAL, 0, 3, 0}, {"1e999", HUGE_VAL, HUGE_VAL, 5, 1},
+	    {"-.5e-999", 0, 0, 8, 0}, {"+-1", 0, 0, 0, 0}, {"99999999999", 99999999999.0, 99999999999.0, 11, INT32_MAX},
+	    {"\xA0"
+	     "1",
+	        0, 0, 0, 0}};
+	for (const auto& c : cases) {
+		const char* stop = nullptr;
+		EXPECT_EQ(platform::parseDouble(c.text, c.text + std::strlen(c.text), &stop), c.number) << c.text;
+		EXPECT_EQ(platform::parseDecimal(c.text), c.decimal) << c.text;
+		EXPECT_EQ(stop - c.text, c.stop) << c.text;
+		EXPECT_EQ(platform::parseInt(c.text), c.integer) << c.text;
 	}
 }
 

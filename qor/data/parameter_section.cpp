@@ -1,5 +1,6 @@
 #include "parameter_section.h"
 
+#include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../platform/memory.h"
 #include "parameter_arena_internal.h"
@@ -100,7 +101,8 @@ int CqorBXML_Section::walk(CqorBXML* document, int depth, CqorBXML_SectionCallBa
 	const int above = mDepth + 1;
 	for (auto* at = nextBelow(this); at; at = at->nextBelow(this)) {
 		const Walk walk(at);
-		callback(document, at, depth + at->mDepth - above);
+		const int here = depth + at->mDepth - above;
+		base::callHost("CqorBXML section", [&] { callback(document, at, here); });
 		if (!walk.at) return kQorFailure; // `at` is gone, this section may be
 	}
 	return kQorSuccess;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 /// Variable sets: records whose fields are defined at run time, in blocks that can be copied,
 /// stored and sent as a whole.
@@ -150,6 +151,32 @@ QOR_API qorDVar_VALUE* qorDVar_ValueSetGetVarPtrByID(qorDVar_VALUESET* vs, const
 /// @return null for null, or a descriptor whose data do not lie among the data of the block.
 QOR_API void* qorDVar_ValueSetGetVarValuePtr(qorDVar_VALUESET* vs, const qorDVar_VALUE* value);
 QOR_API void* qorDVar_ValueSetGetVarValuePtrByID(qorDVar_VALUESET* vs, const char* id);
+
+/// The same for blocks that are only read. (Templates, so that a bare null still calls those above.)
+template <class Set, class = std::enable_if_t<std::is_same_v<Set, const qorDVar_DATASET>>>
+const qorDVar_DATATYPE* qorDVar_DataSetGetVarPtr(Set* set, int index) {
+	return qorDVar_DataSetGetVarPtr(const_cast<qorDVar_DATASET*>(set), index);
+}
+template <class Set, class = std::enable_if_t<std::is_same_v<Set, const qorDVar_DATASET>>>
+const qorDVar_DATATYPE* qorDVar_DataSetGetVarPtrByID(Set* set, const char* id) {
+	return qorDVar_DataSetGetVarPtrByID(const_cast<qorDVar_DATASET*>(set), id);
+}
+template <class Set, class = std::enable_if_t<std::is_same_v<Set, const qorDVar_VALUESET>>>
+const qorDVar_VALUE* qorDVar_ValueSetGetVarPtr(Set* vs, int index) {
+	return qorDVar_ValueSetGetVarPtr(const_cast<qorDVar_VALUESET*>(vs), index);
+}
+template <class Set, class = std::enable_if_t<std::is_same_v<Set, const qorDVar_VALUESET>>>
+const qorDVar_VALUE* qorDVar_ValueSetGetVarPtrByID(Set* vs, const char* id) {
+	return qorDVar_ValueSetGetVarPtrByID(const_cast<qorDVar_VALUESET*>(vs), id);
+}
+template <class Set, class = std::enable_if_t<std::is_same_v<Set, const qorDVar_VALUESET>>>
+const void* qorDVar_ValueSetGetVarValuePtr(Set* vs, const qorDVar_VALUE* value) {
+	return qorDVar_ValueSetGetVarValuePtr(const_cast<qorDVar_VALUESET*>(vs), value);
+}
+template <class Set, class = std::enable_if_t<std::is_same_v<Set, const qorDVar_VALUESET>>>
+const void* qorDVar_ValueSetGetVarValuePtrByID(Set* vs, const char* id) {
+	return qorDVar_ValueSetGetVarValuePtrByID(const_cast<qorDVar_VALUESET*>(vs), id);
+}
 
 /// Clears and then sets flags of a value; masks are of 32 bits.
 /// @return 0; 0x10000000 for null, both masks 0, an empty set or an unknown identifier.

@@ -1,7 +1,6 @@
 #include "camera_calibration.h"
 
 #include "condition_internal.h"
-#include "coplanar_internal.h"
 #include "gaussian_elimination_internal.h"
 #include "projective_model_internal.h"
 #include "refinement_internal.h"
@@ -22,6 +21,7 @@ using calibration::Triangle;
 namespace {
 
 constexpr double kNoValue = std::numeric_limits<double>::quiet_NaN();
+constexpr double kOpen = std::numeric_limits<double>::infinity();
 
 template <int D>
 int check(const Points<D>& points, const double* output, int minimum) {
@@ -46,8 +46,7 @@ int calibrate(double* parameters, const Points<D>& points) {
 	if (const int fault = check(points, parameters, M::kMinimumPoints)) return fault;
 	Normalisation<D> normalisation;
 	if (!normalisation.measure(points)) return kDltBadArgument;
-	if constexpr (D == 3)
-		if (calibration::areCoplanar(points.world, points.count)) return kDltDegenerate;
+	if (leaveOpen(points)) return kDltDegenerate;
 	typename M::Parameters normalised, result;
 	if (!factorise(points, normalisation).solve(normalised) || !normalisation.fromNormalised(normalised, result))
 		return kDltDegenerate;
@@ -62,7 +61,9 @@ int refine(double* parameters, const Points<D>& points, int* steps) {
 	Normalisation<D> normalisation;
 	typename M::Parameters start, normalised;
 	std::copy_n(parameters, M::kParameters, start);
-	if (!normalisation.measure(points) || !normalisation.toNormalised(start, normalised)) return kDltBadArgument;
+	if (!normalisation.measure(points)) return kDltBadArgument;
+	if (leaveOpen(points)) return kDltDegenerate;
+	if (anyOnFocalPlane(points, start) || !normalisation.toNormalised(start, normalised)) return kDltBadArgument;
 	Refinement<D> refinement(points, normalisation);
 	const auto end = refinement.run(normalised);
 	if (end == Refinement<D>::End::noStart) return kDltBadArgument;
@@ -84,8 +85,9 @@ int calculateResiduals(double* residuals, const double* parameters, const Points
 	for (int i = 0; i < points.count; ++i) {
 		points.get(i, x, u, v);
 		const auto image = Model<D>::project(l, x);
-		residuals[static_cast<size_t>(i) * 2] = image.w == 0 ? kNoValue : u - image.u;
-		residuals[static_cast<size_t>(i) * 2 + 1] = image.w == 0 ? kNoValue : v - image.v;
+		const bool seen = !Model<D>::isOnFocalPlane(l, x);
+		residuals[static_cast<size_t>(i) * 2] = seen ? u - image.u : kNoValue;
+		residuals[static_cast<size_t>(i) * 2 + 1] = seen ? v - image.v : kNoValue;
 	}
 	return kQorSuccess;
 }
@@ -118,9 +120,23 @@ Triangle<double, Model<D>::kParameters> measureResiduals(
 	return derivatives.finish();
 }
 
+/// Standard deviations of sums of the parameters; infinite where the points leave them open.
+template <int N>
+struct Deviations {
+	Triangle<double, N> derivatives;
+	double sigma;
+	bool open;
+
+	double of(const double (&weights)[N]) const {
+		if (std::isnan(sigma)) return sigma;
+		const double part = open ? kOpen : derivatives.deviation(weights);
+		return std::isfinite(part) ? sigma * part : kOpen; // also for a sigma of 0
+	}
+};
+
 /// Differentiating  M position = -m  by the parameters in M and m gives, for each coordinate, the
 /// weights by which parameter errors reach it; those of row i are -inverse(M)[j][i] * (position, 1).
-void calculatePositionErrors(DltQuality& quality, const double* l, const Triangle<double, 11>& derivatives) {
+void calculatePositionErrors(DltQuality& quality, const double* l, const Deviations<11>& deviations) {
 	double position[3];
 	dltDP_CalculateCameraPosition(position, l);
 	for (int j = 0; j < 3; ++j) {
@@ -132,7 +148,7 @@ void calculatePositionErrors(DltQuality& quality, const double* l, const Triangl
 		quality.positionErrors[j] = kNoValue;
 		if (!solveByElimination(transposed, inverse, 0.0, 0.0)) continue;
 		for (int k = 0; k < 11; ++k) weights[k] = -inverse[k / 4] * (k % 4 == 3 ? 1 : position[k % 4]);
-		quality.positionErrors[j] = quality.sigma * derivatives.deviation(weights);
+		quality.positionErrors[j] = deviations.of(weights);
 	}
 }
 
@@ -145,17 +161,19 @@ int assess(DltQuality* quality, const double* parameters, const Points<D>& point
 	if (!normalisation.measure(points)) return kDltBadArgument;
 	typename M::Parameters l;
 	std::copy_n(parameters, M::kParameters, l);
+	if (anyOnFocalPlane(points, l)) return kDltBadArgument;
 
 	DltQuality result = {};
 	const auto derivatives = measureResiduals<D>(result, l, points);
 	if (!std::isfinite(result.rms)) return kDltBadArgument;
-	result.condition = conditionNumber(factorise(points, normalisation));
+	const Deviations<M::kParameters> deviations{derivatives, result.sigma, leaveOpen(points)};
+	result.condition = deviations.open ? kOpen : conditionNumber(factorise(points, normalisation));
 	for (int k = 0; k < M::kParameters; ++k) {
 		typename M::Parameters unit = {};
 		unit[k] = 1;
-		result.parameterErrors[k] = result.sigma * derivatives.deviation(unit);
+		result.parameterErrors[k] = deviations.of(unit);
 	}
-	if constexpr (D == 3) calculatePositionErrors(result, l, derivatives);
+	if constexpr (D == 3) calculatePositionErrors(result, l, deviations);
 	*quality = result;
 	return kQorSuccess;
 }

@@ -19,9 +19,15 @@
 /// unless stated otherwise. Any thread may call.
 ///
 /// Results, all functions: 0; `kDltTooFewPoints`; `kDltDegenerate` when the points leave the
-/// parameters open (all on one plane; for a plane, on one line but one) or the focal plane
-/// contains the origin; `kDltNotConverged`; `kDltBadArgument` for null and for values that are
-/// not finite or too large to compute with.
+/// parameters open or the focal plane contains the origin; `kDltNotConverged`;
+/// `kDltBadArgument` for null, for values that are not finite or too large to compute with, and
+/// for parameters with w = 0, to rounding, at a point or at the points' centroid.
+///
+/// Which points leave the parameters open is told from where they stand in the world, whatever
+/// the errors in the image, the unit and the origin: `Camera`, all on one plane, or on one plane
+/// but for one place, on two straight lines, or at fewer than 6 places; `Plane`, all on one line,
+/// or on one line but for one place. Distances below 1e-7 of the extent, or below the rounding of
+/// the coordinates, count as none. Points that are all seen at one place leave them open, too.
 inline constexpr int kDltNotConverged = -101;
 inline constexpr int kDltBadArgument = kQorFailure;
 
@@ -43,12 +49,13 @@ QOR_API int dltCalibratePlane(double* parameters, const double* first, const dou
 /// @param parameters in: where to start, as a rule the result of the linear calibration;
 ///                   out: the minimum, with `kDltNotConverged` the best found in 100 steps.
 ///                   The error in the image does not grow beyond the start's, but for rounding.
+///                   With any other failure they are what they were.
 /// @param steps      accepted steps out; may be null.
 QOR_API int dltRefineCamera(double* parameters, const double* points3D, const double* points2D, int count, int* steps);
 QOR_API int dltRefinePlane(double* parameters, const double* first, const double* second, int count, int* steps);
 
 /// Calculates the residual of each point: measured less projected, pairs (du, dv).
-/// @param residuals 2 * `count` values out; not a number where w = 0.
+/// @param residuals 2 * `count` values out; not a number where w = 0, to rounding.
 /// @return 0; `kDltTooFewPoints` for no points; `kDltBadArgument`.
 QOR_API int dltCalculateResidualsCamera(
     double* residuals, const double* parameters, const double* points3D, const double* points2D, int count);
@@ -71,18 +78,21 @@ struct DltQuality {
 	/// Condition number, in the 2-norm, of the linear equations of the centred and scaled points
 	/// (see `dltCalibrateCamera`): how unequally well the points determine the parameters. It
 	/// depends on where the points stand to each other and to the camera, not on units or
-	/// origin. Twenty points all over a cube: about 4; few or flat points: larger; infinite or
-	/// beyond 1e10 when they leave the parameters open.
+	/// origin. Twenty points all over a cube: about 4; few or flat points: larger; infinite when
+	/// they leave the parameters open.
 	double condition;
 	/// Standard deviations of the parameters to first order, for measured image points with
-	/// independent errors of `sigma`; not a number where `sigma` is. `Plane` sets 8, the rest 0.
+	/// independent errors of `sigma`; not a number where `sigma` is, else infinite when the points
+	/// leave the parameters open. `Plane` sets 8, the rest 0.
 	double parameterErrors[11];
-	/// The same for the camera position, in world units; 0 from `Plane`.
+	/// The same for the camera position, in world units; also not a number for a parallel
+	/// projection, which has no position; 0 from `Plane`.
 	double positionErrors[3];
 };
 
 /// Judges parameters by the points. They should come from `dltRefineCamera` or `dltRefinePlane`
-/// for the standard deviations to hold.
+/// for the standard deviations to hold. Points that would not calibrate are judged all the same:
+/// the residuals tell how well they fit, `condition` and the standard deviations are infinite.
 QOR_API int dltAssessCamera(
     DltQuality* quality, const double* parameters, const double* points3D, const double* points2D, int count);
 QOR_API int dltAssessPlane(

@@ -1,14 +1,14 @@
 #include "direct_linear_transformation.h"
 
-#include "coplanar_internal.h"
 #include "gaussian_elimination_internal.h"
+#include "placing_internal.h"
 #include "projective_system_internal.h"
 
 #include <algorithm>
 #include <limits>
 
 using calibration::allFinite;
-using calibration::areCoplanar;
+using calibration::leaveCameraOpen;
 using calibration::ProjectiveSystem;
 using calibration::solveByElimination;
 
@@ -72,7 +72,7 @@ private:
 template <class T>
 int calculateParameters(T* parameters, const T* points3D, const T* points2D, int count) {
 	if (!parameters || !points3D || !points2D || count < kMinimumPoints) return kDltTooFewPoints;
-	if (areCoplanar(points3D, count)) return kDltDegenerate;
+	if (leaveCameraOpen<3>(points3D, count)) return kDltDegenerate;
 	NormalEquations<T> equations;
 	for (int i = 0; i < count; ++i, points3D += 3, points2D += 2) equations.add(points3D, points2D[0], points2D[1]);
 	T system[11][12], solution[11];
@@ -219,8 +219,10 @@ float principalDistanceSquare(const float* l, int row) {
 template <class T>
 int calculatePlaneParameters(T* parameters, const T* first, const T* second, int count) {
 	if (!parameters || !first || !second || count < kMinimumPlanePoints) return kQorFailure;
+	count = std::min(count, kDlt2DMaximumPoints);
+	if (leaveCameraOpen<2>(first, count)) return kQorFailure;
 	ProjectiveSystem<T, 2> equations;
-	for (int i = 0; i < std::min(count, kDlt2DMaximumPoints); ++i) {
+	for (int i = 0; i < count; ++i) {
 		const T a = first[2 * i], b = first[2 * i + 1], u = second[2 * i], v = second[2 * i + 1];
 		equations.add({a, b, 1}, {-u * a, -u * b, u}, {-v * a, -v * b, v});
 	}

@@ -52,16 +52,17 @@ inline constexpr int kDlt2DMaximumPoints = 32;
 ///
 /// Each point gives two linear equations; their least-squares solution comes from the normal
 /// equations by Gaussian elimination with partial pivoting. Forming them squares the condition
-/// of the problem. Points on one plane, to the rounding of their coordinates or to 1e-7 of their
-/// extent, are degenerate; so are those whose last pivot is below a fixed 0.0001 in magnitude,
-/// whatever the units. That can meet sound points, too, when the product of a world and an image
-/// coordinate is well below 1, or when there are only six: take smaller units, such as
-/// millimetres and pixels, or `dltCalibrateCamera`, which knows no such limit.
+/// of the problem. Points on one plane are degenerate, and so are those on one plane but for one
+/// place, on two straight lines or at fewer than 6 places: to the rounding of their coordinates or
+/// to 1e-7 of their extent, whatever is seen of them. So are points whose last pivot is below a
+/// fixed 0.0001 in magnitude, whatever the units. That can meet sound points, too, when the product of a world and an
+/// image coordinate is well below 1, or when there are only six: take smaller units, such as millimetres and pixels, or
+/// `dltCalibrateCamera`, which knows no such limit.
 ///
 /// @param parameters 11 values out.
 /// @param points3D   3 * `count` values.
 /// @param points2D   2 * `count` values.
-/// @return 0; -2 for fewer than 6 points; -100 for points on one plane, when a pivot is zero or
+/// @return 0; -2 for fewer than 6 points; -100 for points that stand so, when a pivot is zero or
 ///         the last one below 0.0001 in magnitude, or the data or the result are not finite.
 QOR_API int dltSP_CalculateParameters(float* parameters, const float* points3D, const float* points2D, int count);
 QOR_API int dltDP_CalculateParameters(double* parameters, const double* points3D, const double* points2D, int count);
@@ -157,8 +158,9 @@ QOR_API float dltSP_Calculate_dv_Square_FromParameters(const float* parameters);
 /// @param parameters 8 values out.
 /// @param first      points (a, b) of the plane, 2 * `count` values.
 /// @param second     their image points (u, v), 2 * `count` values.
-/// @return 0; 0x10000000 for fewer than 4 points, for points that leave the parameters open,
-///         and when the data or the result are not finite.
+/// @return 0; 0x10000000 for fewer than 4 points, for points that leave the parameters open (on
+///         one line but for one place, to rounding or to 1e-7 of their extent), and when the
+///         data or the result are not finite.
 QOR_API int dlt2DSP_CalculateParameters(float* parameters, const float* first, const float* second, int count);
 QOR_API int dlt2DDP_CalculateParameters(double* parameters, const double* first, const double* second, int count);
 

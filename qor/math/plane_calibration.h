@@ -2,16 +2,19 @@
 
 #include "direct_linear_transformation.h"
 
+/// Constants of `CqorDLT8`, where hosts can bind them by reference.
+struct CqorDLT8Constants {
+	static constexpr int kMaximumPoints = kDlt2DMaximumPoints;
+};
+
 /// Calibrates a camera that looks at a plane, from up to 32 points, and converts points both
 /// ways. Double precision; see `direct_linear_transformation.h` for the model.
 ///
 /// Points and parameters are independent: changing points keeps the parameters until the next
 /// `CalculateParameters`, and `SetParameters` needs no points. Plain data that may be copied;
 /// not locked.
-class QOR_API CqorDLT8 {
+class QOR_API CqorDLT8 : public CqorDLT8Constants {
 public:
-	static constexpr int kMaximumPoints = kDlt2DMaximumPoints;
-
 	/// Forgets points and parameters.
 	void Reset();
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "placing_internal.h"
 #include "projective_system_internal.h"
 
 #include <cmath>
@@ -34,6 +35,16 @@ struct Model {
 		image.u /= image.w;
 		image.v /= image.w;
 		return image;
+	}
+
+	/// Whether w is 0, to the rounding of its terms: a point that no image shows.
+	static bool isOnFocalPlane(const Parameters& l, const Point& x) {
+		double w = 1, size = 1;
+		for (int j = 0; j < D; ++j) {
+			w += l[2 * kShared + j] * x[j];
+			size += std::abs(l[2 * kShared + j] * x[j]);
+		}
+		return std::abs(w) <= 8 * std::numeric_limits<double>::epsilon() * size;
 	}
 
 	/// The linear equations of a point seen at (u, v).
@@ -81,6 +92,30 @@ struct Points {
 		v = image[static_cast<size_t>(i) * 2 + 1];
 	}
 };
+
+/// Whether the points leave the parameters open, however well they are measured: by where they
+/// stand in the world, or since all are seen at one place.
+template <int D>
+bool leaveOpen(const Points<D>& points) {
+	double size = 0, extent = 0;
+	for (int i = 0; i < 2 * points.count; ++i) {
+		size = std::max(size, std::abs(points.image[i]));
+		extent = std::max(extent, std::abs(points.image[i] - points.image[i % 2]));
+	}
+	return !(extent > 16 * std::numeric_limits<double>::epsilon() * size) ||
+	       leaveCameraOpen<D>(points.world, points.count);
+}
+
+/// Whether a point has w = 0.
+template <int D>
+bool anyOnFocalPlane(const Points<D>& points, const typename Model<D>::Parameters& l) {
+	double x[D], u, v;
+	for (int i = 0; i < points.count; ++i) {
+		points.get(i, x, u, v);
+		if (Model<D>::isOnFocalPlane(l, x)) return true;
+	}
+	return false;
+}
 
 /// Moves points to their centroid and scales them to a mean distance of the square root of
 /// their dimension, in the world and in the image alike.

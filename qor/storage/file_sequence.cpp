@@ -77,112 +77,174 @@ int CqorFileSeq::ParseByFilePath(eqorFILESEQ_FILEATTR* attributes, const char* p
 	return kQorSuccess;
 }
 
-bool CqorFileSeq::namesOf(const eqorFILESEQ_FILEATTR& attributes, Names* names) {
-	return put(names->mFolder, textOf(attributes.mFolder)) && put(names->mBaseName, textOf(attributes.mBaseName)) &&
-	       put(names->mExtension, textOf(attributes.mExtension));
-}
+/// What the names of the files of a sequence have in common, as one of them spells it.
+struct CqorFileSeq::Names {
+	char mFolder[256];
+	char mBaseName[128];
+	char mExtension[64];
 
-bool CqorFileSeq::isSequenceOf(const Names& names) const {
-	return equalInSequence(names.mBaseName, mNames.mBaseName) && equalInSequence(names.mFolder, mNames.mFolder) &&
-	       equalInSequence(names.mExtension, mNames.mExtension);
-}
+	/// @return false when a part does not fit.
+	bool take(const eqorFILESEQ_FILEATTR& attributes) {
+		return put(mFolder, textOf(attributes.mFolder)) && put(mBaseName, textOf(attributes.mBaseName)) &&
+		       put(mExtension, textOf(attributes.mExtension));
+	}
+	/// Divides a path and takes its names. @return false when a part does not fit.
+	bool parse(const char* path, eqorFILESEQ_FILEATTR* attributes) {
+		return ParseByFilePath(attributes, path) == kQorSuccess && take(*attributes);
+	}
+};
+
+struct CqorFileSeq::State {
+	CstmArray<Names> spellings; // other than the sequence's; the n-th has the number n + 1 in an item
+	bool ascending = true;      // no item has a smaller number than the one before it
+	int unfitCount = 0;
+	int hasMoreFiles = 0;
+};
+
+/// What the two classes do with the fields of a sequence.
+struct CqorFileSeq::Access {
+	/// @return false without memory.
+	static bool ready(CqorFileSeq& sequence) {
+		if (!sequence.mState) sequence.mState = new (std::nothrow) State;
+		return sequence.mState != nullptr;
+	}
+	static void setNames(CqorFileSeq& sequence, const Names& names) {
+		put(sequence.mFolder, names.mFolder);
+		put(sequence.mBaseName, names.mBaseName);
+		put(sequence.mExtension, names.mExtension);
+	}
+	static bool isSequenceOf(const CqorFileSeq& sequence, const Names& names) {
+		return equalInSequence(names.mBaseName, sequence.mBaseName) &&
+		       equalInSequence(names.mFolder, sequence.mFolder) &&
+		       equalInSequence(names.mExtension, sequence.mExtension);
+	}
+	static eqorFILESEQ_CITEM* add(
+	    CqorFileSeq& sequence, const eqorFILESEQ_FILEATTR& attributes, const Names& names, uint64_t value);
+	static uint32_t spellingOf(CqorFileSeq& sequence, const Names& names, bool* failed);
+	static int fill(CqorFileSeq& sequence, const Names& names);
+	static int fillName(const CqorFileSeq& sequence, const eqorFILESEQ_CITEM* item, char* out, size_t size);
+};
+
+CqorFileSeq::CqorFileSeq() = default;
+
+CqorFileSeq::~CqorFileSeq() { delete mState; }
 
 void CqorFileSeq::Reset() {
-	mNames = {};
+	Access::setNames(*this, {});
 	mItems.Delete(0, mItems.Count());
-	mSpellings.Delete(0, mSpellings.Count());
 	mItemCount = 0;
-	mAscending = true;
-	mUnfitCount = 0;
-	mHasMoreFiles = 0;
-}
-
-/// Divides a path and takes its names. @return false when a part does not fit.
-bool CqorFileSeq::parse(const char* path, eqorFILESEQ_FILEATTR* attributes, Names* names) {
-	return ParseByFilePath(attributes, path) == kQorSuccess && namesOf(*attributes, names);
+	delete mState;
+	mState = nullptr;
 }
 
 int CqorFileSeq::CreateFromFilePath(const char* path) {
 	eqorFILESEQ_FILEATTR attributes;
 	Names names;
-	const bool parsed = parse(path, &attributes, &names); // which may be a text of this sequence
+	const bool parsed = names.parse(path, &attributes); // which may be a text of this sequence
 	Reset();
-	if (!parsed) return kQorFailure;
+	if (!parsed || !Access::ready(*this)) return kQorFailure;
+	if (Access::fill(*this, names) == kQorSuccess) return kQorSuccess;
+	Reset();
+	return kQorFailure;
+}
+
+int CqorFileSeq::Access::fill(CqorFileSeq& sequence, const Names& names) {
 	std::vector<platform::FoundFile> files;
-	if (!listFiles(names.mFolder, names.mExtension, false, &files, &mHasMoreFiles)) return kQorFailure;
-	mNames = names;
+	if (!listFiles(names.mFolder, names.mExtension, false, &files, &sequence.mState->hasMoreFiles)) return kQorFailure;
+	setNames(sequence, names);
 	for (const auto& file : files) {
-		if (!parse(file.path.c_str(), &attributes, &names)) {
-			++mUnfitCount;
-		} else if (isSequenceOf(names) && !add(attributes, names, file.size)) {
-			Reset();
+		eqorFILESEQ_FILEATTR attributes;
+		Names found;
+		if (!found.parse(file.path.c_str(), &attributes))
+			++sequence.mState->unfitCount;
+		else if (isSequenceOf(sequence, found) && !add(sequence, attributes, found, file.size))
 			return kQorFailure;
-		}
 	}
 	return kQorSuccess;
 }
 
 int CqorFileSeq::BelongsToThis(const eqorFILESEQ_FILEATTR* attributes) const {
-	return attributes && equalInSequence(textOf(attributes->mFolder), mNames.mFolder) &&
-	       equalInSequence(textOf(attributes->mBaseName), mNames.mBaseName);
+	return attributes && equalInSequence(textOf(attributes->mFolder), mFolder) &&
+	       equalInSequence(textOf(attributes->mBaseName), mBaseName);
 }
 
 eqorFILESEQ_CITEM* CqorFileSeq::AddItem(const eqorFILESEQ_FILEATTR* attributes, uint64_t value) {
 	Names names;
-	return attributes && namesOf(*attributes, &names) ? add(*attributes, names, value) : nullptr;
+	return attributes && names.take(*attributes) ? Access::add(*this, *attributes, names, value) : nullptr;
 }
 
-eqorFILESEQ_CITEM* CqorFileSeq::add(const eqorFILESEQ_FILEATTR& attributes, const Names& names, uint64_t value) {
-	if (mItemCount == INT_MAX) return nullptr;
-	const bool full = mItemCount == mItems.Count();
-	const int more = std::min(std::max(mItemCount / 2, 16), INT_MAX - mItemCount);
-	if (full && !mItems.AddPosition(more, 0)) return nullptr;
-	const bool first = mItemCount == 0 && !mNames.mFolder[0];
+eqorFILESEQ_CITEM* CqorFileSeq::Access::add(
+    CqorFileSeq& sequence, const eqorFILESEQ_FILEATTR& attributes, const Names& names, uint64_t value) {
+	auto& items = sequence.mItems;
+	int& count = sequence.mItemCount;
+	if (count == INT_MAX || !ready(sequence)) return nullptr;
+	const int more = std::min(std::max(count / 2, 16), INT_MAX - count);
+	if (count == items.Count() && !items.AddPosition(more, 0)) return nullptr;
+	const bool first = count == 0 && !sequence.mFolder[0];
 	bool failed = false;
-	const uint32_t spelling = first ? 0 : spellingOf(names, &failed);
+	const uint32_t spelling = first ? 0 : spellingOf(sequence, names, &failed);
 	if (failed) return nullptr;
-	if (first) mNames = names;
+	if (first) setNames(sequence, names);
 
-	auto& item = mItems[mItemCount];
+	auto& item = items[count];
 	item = {static_cast<uint32_t>(attributes.mNumber), spelling, value, {}};
 	put(item.mNumberText, textOf(attributes.mNumberText));
-	if (mItemCount > 0 && item.mNumber < mItems[mItemCount - 1].mNumber) mAscending = false;
-	++mItemCount;
+	if (count > 0 && item.mNumber < items[count - 1].mNumber) sequence.mState->ascending = false;
+	++count;
 	return &item;
 }
 
 /// The number that an item has for these names. Files come in the order of their names, so
 /// those of one spelling mostly follow one another.
-uint32_t CqorFileSeq::spellingOf(const Names& names, bool* failed) {
-	const auto same = [&names](const Names& other) {
-		return std::strcmp(names.mFolder, other.mFolder) == 0 && std::strcmp(names.mBaseName, other.mBaseName) == 0 &&
-		       std::strcmp(names.mExtension, other.mExtension) == 0;
+uint32_t CqorFileSeq::Access::spellingOf(CqorFileSeq& sequence, const Names& names, bool* failed) {
+	const auto same = [&names](const char* folder, const char* baseName, const char* extension) {
+		return std::strcmp(names.mFolder, folder) == 0 && std::strcmp(names.mBaseName, baseName) == 0 &&
+		       std::strcmp(names.mExtension, extension) == 0;
 	};
-	if (same(mNames) || !isSequenceOf(names)) return 0;
+	if (same(sequence.mFolder, sequence.mBaseName, sequence.mExtension) || !isSequenceOf(sequence, names)) return 0;
 	constexpr int kRecent = 16; // of the latest spellings a few alternate, if any
-	const int count = mSpellings.Count();
-	for (int i = count; i > std::max(count - kRecent, 0); --i)
-		if (same(mSpellings[i - 1])) return static_cast<uint32_t>(i);
-	*failed = !mSpellings.Add(names);
-	return static_cast<uint32_t>(mSpellings.Count());
+	auto& spellings = sequence.mState->spellings;
+	const int count = spellings.Count();
+	for (int i = count; i > std::max(count - kRecent, 0); --i) {
+		const Names& other = spellings[i - 1];
+		if (same(other.mFolder, other.mBaseName, other.mExtension)) return static_cast<uint32_t>(i);
+	}
+	*failed = !spellings.Add(names);
+	return static_cast<uint32_t>(spellings.Count());
 }
 
 int CqorFileSeq::Copy(const CqorFileSeq& other) {
 	if (this == &other) return kQorSuccess;
+	if (!other.mState) { // nothing was added or listed, so there are no names either
+		Reset();
+		return kQorSuccess;
+	}
 	// Room first, behind what is there; nothing can fail after that.
-	const int items = other.mItemCount, spellings = other.mSpellings.Count(), before = mSpellings.Count();
+	if (!Access::ready(*this)) return kQorFailure;
+	auto& spellings = mState->spellings;
+	const auto& from = other.mState->spellings;
+	const int items = other.mItemCount, count = from.Count(), before = spellings.Count();
 	if (items > mItems.Count() && !mItems.AddPosition(items - mItems.Count(), 0)) return kQorFailure;
-	if (spellings > before && !mSpellings.AddPosition(spellings - before, 0)) return kQorFailure;
-	mSpellings.Delete(spellings, mSpellings.Count());
+	if (count > before && !spellings.AddPosition(count - before, 0)) return kQorFailure;
+	spellings.Delete(count, spellings.Count());
 	std::copy_n(other.mItems.begin(), items, mItems.begin());
-	std::copy_n(other.mSpellings.begin(), spellings, mSpellings.begin());
-	mNames = other.mNames;
+	std::copy_n(from.begin(), count, spellings.begin());
+	put(mFolder, other.mFolder);
+	put(mBaseName, other.mBaseName);
+	put(mExtension, other.mExtension);
 	mItemCount = items;
-	mAscending = other.mAscending;
-	mUnfitCount = other.mUnfitCount;
-	mHasMoreFiles = other.mHasMoreFiles;
+	mState->ascending = other.mState->ascending;
+	mState->unfitCount = other.mState->unfitCount;
+	mState->hasMoreFiles = other.mState->hasMoreFiles;
 	return kQorSuccess;
 }
+
+const char* CqorFileSeq::GetFolder() const { return mFolder; }
+const char* CqorFileSeq::GetBaseName() const { return mBaseName; }
+const char* CqorFileSeq::GetExtension() const { return mExtension; }
+int CqorFileSeq::GetCount() const { return mItemCount; }
+int CqorFileSeq::GetUnfitCount() const { return mState ? mState->unfitCount : 0; }
+int CqorFileSeq::HasMoreFiles() const { return mState ? mState->hasMoreFiles : 0; }
 
 eqorFILESEQ_CITEM* CqorFileSeq::GetItem(int index) const { return index < mItemCount ? mItems.Get(index) : nullptr; }
 
@@ -190,24 +252,55 @@ eqorFILESEQ_CITEM* CqorFileSeq::GetItemByIndexNum(uint32_t number) const {
 	auto *const begin = mItems.begin(), *const end = begin + mItemCount;
 	const auto below = [number](const eqorFILESEQ_CITEM& item) { return item.mNumber < number; };
 	const auto equal = [number](const eqorFILESEQ_CITEM& item) { return item.mNumber == number; };
-	auto* const found = mAscending ? std::partition_point(begin, end, below) : std::find_if(begin, end, equal);
+	const bool ascending = !mState || mState->ascending;
+	auto* const found = ascending ? std::partition_point(begin, end, below) : std::find_if(begin, end, equal);
 	return found != end && found->mNumber == number ? found : nullptr;
 }
 
+int CqorFileSeq::FillNameByIndexNum(char* out, uint32_t number) const {
+	return FillNameByIndexNum(out, kNameSize, number);
+}
+
 int CqorFileSeq::FillNameByIndexNum(char* out, size_t size, uint32_t number) const {
+	return Access::fillName(*this, GetItemByIndexNum(number), out, size);
+}
+
+int CqorFileSeq::FillNameByIndex(char* out, size_t size, int index) const {
+	return Access::fillName(*this, GetItem(index), out, size);
+}
+
+int CqorFileSeq::Access::fillName(const CqorFileSeq& sequence, const eqorFILESEQ_CITEM* item, char* out, size_t size) {
 	if (!out || size == 0) return kQorFailure;
 	out[0] = 0;
-	const auto* item = GetItemByIndexNum(number);
 	if (!item) return kQorFailure;
-	const Names* other = mSpellings.Get(static_cast<int>(item->mSpelling - 1));
-	const Names& names = other ? *other : mNames;
+	const Names* other = sequence.mState->spellings.Get(static_cast<int>(item->mSpelling - 1));
 	char name[kNameSize];
-	const size_t length = platform::formatText(
-	    name, sizeof name, "%s%s%.31s.%s", names.mFolder, names.mBaseName, item->mNumberText, names.mExtension);
+	const size_t length = platform::formatText(name, sizeof name, "%s%s%.31s.%s",
+	    other ? other->mFolder : sequence.mFolder, other ? other->mBaseName : sequence.mBaseName, item->mNumberText,
+	    other ? other->mExtension : sequence.mExtension);
 	if (length >= size) return kQorFailure;
 	std::memcpy(out, name, length + 1);
 	return kQorSuccess;
 }
+
+struct CqorFileSeqList::Access {
+	/// @return null without memory.
+	static CqorFileSeq* append(CqorFileSeqList& list) {
+		auto* sequence = new (std::nothrow) CqorFileSeq;
+		if (sequence && list.mItems.Add(sequence)) return sequence;
+		delete sequence;
+		return nullptr;
+	}
+	static bool addAll(CqorFileSeqList& list, const std::vector<platform::FoundFile>& files);
+};
+
+CqorFileSeqList::CqorFileSeqList() = default;
+
+CqorFileSeqList::~CqorFileSeqList() { Destroy(); }
+
+int CqorFileSeqList::GetCount() const { return mItems.Count(); }
+int CqorFileSeqList::GetUnfitCount() const { return mUnfitCount; }
+int CqorFileSeqList::HasMoreFiles() const { return mHasMoreFiles; }
 
 CqorFileSeq* CqorFileSeqList::Get(int index) const {
 	auto** item = mItems.Get(index);
@@ -221,25 +314,18 @@ void CqorFileSeqList::Destroy() {
 	mHasMoreFiles = 0;
 }
 
-CqorFileSeq* CqorFileSeqList::append() {
-	auto* sequence = new (std::nothrow) CqorFileSeq;
-	if (sequence && mItems.Add(sequence)) return sequence;
-	delete sequence;
-	return nullptr;
-}
-
-bool CqorFileSeqList::addAll(const std::vector<platform::FoundFile>& files) {
+bool CqorFileSeqList::Access::addAll(CqorFileSeqList& list, const std::vector<platform::FoundFile>& files) {
 	std::unordered_map<std::string, CqorFileSeq*> sequences; // by what is equal in one
 	for (const auto& file : files) {
 		eqorFILESEQ_FILEATTR attributes;
 		CqorFileSeq::Names names;
-		if (!CqorFileSeq::parse(file.path.c_str(), &attributes, &names)) {
-			++mUnfitCount;
+		if (!names.parse(file.path.c_str(), &attributes)) {
+			++list.mUnfitCount;
 			continue;
 		}
 		auto& sequence = sequences[storage_parts::sequenceKey(names.mFolder, names.mBaseName, names.mExtension)];
-		if (!sequence) sequence = append();
-		if (!sequence || !sequence->add(attributes, names, file.size)) return false;
+		if (!sequence) sequence = append(list);
+		if (!sequence || !CqorFileSeq::Access::add(*sequence, attributes, names, file.size)) return false;
 	}
 	return true;
 }
@@ -253,7 +339,7 @@ int CqorFileSeqList::CreateFromFolder(const char* folder, const char* extension,
 	if (!listed) return kQorFailure;
 	mHasMoreFiles = hasMore;
 	try {
-		if (addAll(files)) return kQorSuccess;
+		if (Access::addAll(*this, files)) return kQorSuccess;
 	} catch (const std::exception&) { // out of memory, as above
 	}
 	Destroy();

@@ -5,11 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
-
-namespace platform {
-struct FoundFile;
-}
 
 /// The parts of a file's path. That of "C:\img\cam_0012.bmp": folder "C:\img\", base name
 /// "cam_", number text "0012", number 12, extension "bmp".
@@ -31,6 +26,12 @@ struct eqorFILESEQ_CITEM {
 static_assert(sizeof(eqorFILESEQ_CITEM) == 48 && offsetof(eqorFILESEQ_CITEM, mNumber) == 0);
 static_assert(offsetof(eqorFILESEQ_CITEM, mValue) == 8 && offsetof(eqorFILESEQ_CITEM, mNumberText) == 16);
 
+/// Constants of `CqorFileSeq`, where hosts can bind them by reference.
+struct CqorFileSeqConstants {
+	static constexpr size_t kNameSize = 512;   ///< characters that any name of a sequence fits into, with its end
+	static constexpr int kMaximumFiles = 1024; ///< files that one listing of a folder looks at
+};
+
 /// The files of one folder that differ in nothing but the decimal number before the extension:
 /// frame0001.bmp, frame0002.bmp, ...
 ///
@@ -38,15 +39,16 @@ static_assert(offsetof(eqorFILESEQ_CITEM, mValue) == 8 && offsetof(eqorFILESEQ_C
 /// item keeps its digits, and its own spelling where that is another, so that every name is
 /// given back as the file has it, also where "Cam_1.bmp" and "cam_2.bmp" are two names.
 ///
+/// A folder stays as it was written: the names of a sequence of a relative path are relative to the
+/// current folder of their moment, as the path itself is.
+///
 /// Items keep the order in which they were added; those of a folder come in the order of the
 /// bytes of their names. Addresses of items are valid until the next change. Not locked: one
 /// thread at a time, or several that only read.
-class QOR_API CqorFileSeq {
+class QOR_API CqorFileSeq : public CqorFileSeqConstants {
 public:
-	static constexpr size_t kNameSize = 512;   ///< characters that any name of a sequence fits into, with its end
-	static constexpr int kMaximumFiles = 1024; ///< files that one listing of a folder looks at
-
-	CqorFileSeq() = default;
+	CqorFileSeq();
+	~CqorFileSeq();
 	CqorFileSeq(const CqorFileSeq&) = delete;
 	CqorFileSeq& operator=(const CqorFileSeq&) = delete;
 
@@ -92,46 +94,41 @@ public:
 	/// the text again rely on its form, and Windows takes both for the same file.
 	/// @param out has room for `kNameSize` characters
 	/// @return 0; 0x10000000 when `out` is null or, `out` empty, when no item has the number.
-	int FillNameByIndexNum(char* out, uint32_t number) const { return FillNameByIndexNum(out, kNameSize, number); }
+	int FillNameByIndexNum(char* out, uint32_t number) const;
 	/// The same into `size` characters. @return 0x10000000, `out` empty, also when the path does
 	/// not fit: it is never cut.
 	int FillNameByIndexNum(char* out, size_t size, uint32_t number) const;
+	/// Writes the path of the item with that index, 0 to count - 1, in the same form: it names every
+	/// file, also where several have one number.
+	/// @return 0; 0x10000000 when `out` is null or, `out` empty, outside the sequence or when the
+	///         path does not fit into `size` characters.
+	int FillNameByIndex(char* out, size_t size, int index) const;
 
-	const char* GetFolder() const { return mNames.mFolder; }
-	const char* GetBaseName() const { return mNames.mBaseName; }
-	const char* GetExtension() const { return mNames.mExtension; }
-	int GetCount() const { return mItemCount; }
+	const char* GetFolder() const;
+	const char* GetBaseName() const;
+	const char* GetExtension() const;
+	int GetCount() const;
 	/// @return null outside the sequence.
 	eqorFILESEQ_CITEM* GetItem(int index) const;
 
 	/// Files that `CreateFromFilePath` passed over since a part of their path is too long for
 	/// its field: more than 31 digits, for one. They may or may not belong to the sequence.
-	int GetUnfitCount() const { return mUnfitCount; }
+	int GetUnfitCount() const;
 	/// @return 1 when the folder had more than `kMaximumFiles` files with the extension, else 0.
-	int HasMoreFiles() const { return mHasMoreFiles; }
+	int HasMoreFiles() const;
 
 private:
 	friend class CqorFileSeqList;
+	struct Names;
+	struct State;
+	struct Access;
 
-	struct Names {
-		char mFolder[256];
-		char mBaseName[128];
-		char mExtension[64];
-	};
-
-	static bool parse(const char* path, eqorFILESEQ_FILEATTR* attributes, Names* names);
-	static bool namesOf(const eqorFILESEQ_FILEATTR& attributes, Names* names);
-	bool isSequenceOf(const Names& names) const;
-	uint32_t spellingOf(const Names& names, bool* failed);
-	eqorFILESEQ_CITEM* add(const eqorFILESEQ_FILEATTR& attributes, const Names& names, uint64_t value);
-
-	Names mNames = {};
+	char mFolder[256] = {};
+	char mBaseName[128] = {};
+	char mExtension[64] = {};
 	CstmArray<eqorFILESEQ_CITEM> mItems; // with room behind the last item
 	int mItemCount = 0;
-	CstmArray<Names> mSpellings; // the others; the n-th has the number n + 1 in an item
-	bool mAscending = true;      // no item has a smaller number than the one before it
-	int mUnfitCount = 0;
-	int mHasMoreFiles = 0;
+	State* mState = nullptr; // null while nothing was added or listed
 };
 
 /// The sequences of a folder.
@@ -139,8 +136,8 @@ private:
 /// Not locked. A sequence belongs to the list and lives until the list is made anew or destroyed.
 class QOR_API CqorFileSeqList {
 public:
-	CqorFileSeqList() = default;
-	~CqorFileSeqList() { Destroy(); }
+	CqorFileSeqList();
+	~CqorFileSeqList();
 	CqorFileSeqList(const CqorFileSeqList&) = delete;
 	CqorFileSeqList& operator=(const CqorFileSeqList&) = delete;
 
@@ -158,18 +155,17 @@ public:
 	/// Deletes all sequences.
 	void Destroy();
 
-	int GetCount() const { return mItems.Count(); }
+	int GetCount() const;
 	/// @return null outside the list.
 	CqorFileSeq* Get(int index) const;
 
 	/// Files that are in no sequence since a part of their path is too long for its field.
-	int GetUnfitCount() const { return mUnfitCount; }
+	int GetUnfitCount() const;
 	/// @return 1 when the folder had more than `CqorFileSeq::kMaximumFiles` such files, else 0.
-	int HasMoreFiles() const { return mHasMoreFiles; }
+	int HasMoreFiles() const;
 
 private:
-	CqorFileSeq* append();
-	bool addAll(const std::vector<platform::FoundFile>& files);
+	struct Access;
 
 	CstmArray<CqorFileSeq*> mItems; // owned
 	int mUnfitCount = 0;

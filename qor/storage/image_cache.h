@@ -64,6 +64,12 @@ struct eqorICACHEPAGEMAN_MEMSTATUS {
 };
 static_assert(sizeof(eqorICACHEPAGEMAN_MEMSTATUS) == 32);
 
+/// Flags of `CqorICachePageMan::BorrowPage`, where hosts can bind them by reference.
+struct CqorICachePageManConstants {
+	static constexpr uint32_t kGrowPages = 1;   ///< a free page may be reallocated
+	static constexpr uint32_t kDeletePages = 2; ///< free pages may be deleted for a new one
+};
+
 /// A pool of memory pages under one budget, an object of type "CqorICachePageMan".
 ///
 /// The pages are its child objects of type "CqorICachePage", in child order; children of other
@@ -87,7 +93,7 @@ static_assert(sizeof(eqorICACHEPAGEMAN_MEMSTATUS) == 32);
 /// A page among the children of two managers is possible and slow: each change by one makes the
 /// other read all its pages again. Deleting moves the children behind the page, so freeing n pages
 /// from the front costs n moves of the list: 0.1 s for 25,000 pages.
-class QOR_API CqorICachePageMan : public qor {
+class QOR_API CqorICachePageMan : public qor, public CqorICachePageManConstants {
 public:
 	/// Budget 0: no page fits until `Create`.
 	CqorICachePageMan();
@@ -123,9 +129,6 @@ public:
 
 	/// @return 0; 0x10000000 for null.
 	int GetMemStatus(eqorICACHEPAGEMAN_MEMSTATUS* status);
-
-	static constexpr uint32_t kGrowPages = 1;   ///< a free page may be reallocated
-	static constexpr uint32_t kDeletePages = 2; ///< free pages may be deleted for a new one
 
 	/// Lends a page of at least `size` bytes, looked for in this order:
 	///

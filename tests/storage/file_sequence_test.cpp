@@ -73,6 +73,14 @@ TEST_F(FileSequence, FindsTheFilesOfAFolder) {
 	EXPECT_TRUE(copy.GetItem(0) == copy.GetItemByIndexNum(10) && copy.GetItem(0)->mValue == 8) << "ordered by name";
 	for (const auto& [number, name] : {std::pair(1u, "c_01.b"), {2u, "c_0002.b"}, {10u, "C_0010.B"}})
 		EXPECT_EQ(nameOf(copy, number), folder.path(name)) << "as the first file of the number has it";
+	std::string names;
+	char path[CqorFileSeq::kNameSize];
+	for (int i = -1; i < 5; ++i)
+		names += copy.FillNameByIndex(path, sizeof path, i) == 0 ? std::filesystem::path(path).filename().string() + "|"
+		                                                         : "-";
+	EXPECT_EQ(names, "-C_0010.B|c_0002.b|c_01.b|c_1.b|-") << "two files of one number have names, too";
+	EXPECT_TRUE(
+	    copy.FillNameByIndex(path, 4, 0) == kFailure && !path[0] && copy.FillNameByIndex(nullptr, 4, 0) == kFailure);
 	std::string name(folder.path("c_01.b").size() + 1, 'x');
 	EXPECT_TRUE(copy.FillNameByIndexNum(name.data(), name.size() - 1, 1) == kFailure && !name[0]);
 	EXPECT_TRUE(copy.FillNameByIndexNum(name.data(), name.size(), 1) == 0 && nameOf(copy, 3) == "none");

@@ -1,5 +1,6 @@
 #include "ini_file.h"
 
+#include "../platform/folder.h"
 #include "../platform/format.h"
 #include "../platform/memory.h"
 #include "../platform/number.h"
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
+#include <string>
 
 namespace {
 
@@ -38,9 +40,14 @@ CstosINIFile::CstosINIFile() : mPath() {}
 int CstosINIFile::Open(const char* path) {
 	const size_t length = path ? std::strlen(path) : 0;
 	// A cut path would name another file, which the writers would then change.
-	const bool fits = length > 0 && length < sizeof mPath;
-	if (fits) std::memmove(mPath, path, length);
-	mPath[fits ? length : 0] = 0;
+	if (length == 0 || length >= sizeof mPath) {
+		mPath[0] = 0;
+		return 0;
+	}
+	// The host's current folder may be another one by the next call.
+	const std::string full = platform::fullPath(path);
+	const bool fits = !full.empty() && full.size() < sizeof mPath;
+	std::memmove(mPath, fits ? full.c_str() : path, (fits ? full.size() : length) + 1);
 	return 0;
 }
 

@@ -15,7 +15,9 @@ public:
 	CstosINIFile();
 
 	/// Remembers the path; the file is neither opened nor looked for. A null path, and one
-	/// of 260 characters or more, leaves no path set. @return always 0.
+	/// of 260 characters or more, leaves no path set. A relative path means the current folder
+	/// of this call (of each later call, when its absolute form has 260 characters or more).
+	/// @return always 0.
 	int Open(const char* path);
 
 	/// @return the integer at the start of the value, `defaultValue` without file, section

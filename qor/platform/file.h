@@ -45,6 +45,9 @@ struct FileOpen {
 	uint32_t flags = kAttributeNormal;
 	/// A file that is made is for this user alone, until `takeRightsOf`.
 	bool isPrivate = false;
+	/// Whether a link in the last part of the path leads on. On Windows, where links need a
+	/// privilege to be made, it does.
+	bool followsLinks = true;
 };
 
 enum class SeekOrigin : uint32_t { begin = 0, current = 1, end = 2 };
@@ -76,7 +79,9 @@ class FileSystem {
 public:
 	virtual ~FileSystem() = default;
 	/// Opens or makes a file. "\\.\PhysicalDrive<n>" is a disk and "\\.\<letter>:" a volume
-	/// (their names on Linux: disk.h). Null or empty paths are refused (error 3).
+	/// (their names on Linux: disk.h). Null or empty paths are refused (error 3), and so is
+	/// what is neither of them nor a regular file, such as a pipe, that might keep the caller
+	/// waiting (error 5); on Linux /dev/null and /dev/full pass for files.
 	/// @return null on failure, `lastError()` says why.
 	virtual std::unique_ptr<File> open(const char* path, const FileOpen& how) = 0;
 	/// Whether a file or folder of that name is there.

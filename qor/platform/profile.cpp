@@ -22,7 +22,7 @@ uint32_t copyProfileValue(std::string_view value, char* out, uint32_t size) {
 
 uint32_t copyProfileFallback(const char* fallback, char* out, uint32_t size) {
 	std::string_view text = fallback ? fallback : "";
-	while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+	while (text.size() > 1 && text.back() == ' ') text.remove_suffix(1);
 	return copyProfileValue(text, out, size);
 }
 

@@ -2,10 +2,15 @@
 
 #include <cstdint>
 
-/// Initialisation files: "[section]" lines and "key=value" lines. Section and key names
-/// are compared without regard to case; blanks around names and values, and one pair of
-/// quotes around a value, are taken off. A relative path without a folder is relative to
-/// the current directory.
+/// Initialisation files: "[section]" lines and "key=value" lines, ended by CR, LF or both.
+/// Section and key names are compared without regard to the case of ASCII letters; blanks
+/// around names and values, and one pair of quotes around a value, are taken off. Of a name
+/// that stands twice the first counts. A file is bytes of the Western code page or, behind a
+/// byte order mark, UTF-8 or UTF-16, and stays what it is. A relative path without a folder is
+/// relative to the current directory.
+///
+/// Threads and processes may read and write one file at the same time: a reader finds it as
+/// it was before or after each change, and no writer undoes what another did.
 namespace platform {
 
 /// @return the integer at the start of the value (0 when it starts with none); `fallback` for an empty value and

@@ -75,6 +75,11 @@ TEST(Folder, FullPath) {
 	    {"\\\\.\\PhysicalDrive1", "\\\\.\\PhysicalDrive1"}, {"name", current + "name"}, {"", ""}};
 	for (const auto& [path, full] : cases) EXPECT_EQ(fullPath(path.c_str()), full);
 	EXPECT_EQ(fullPath(nullptr), "");
+	if (kPathSeparator == '\\') return; // where a link does not change what ".." means
+	std::filesystem::create_directories(folder.path("far/inner"));
+	std::filesystem::create_symlink("far/inner", folder.path("link"));
+	test_support::writeFile(folder.path("far/x"), "");
+	EXPECT_EQ(fullPath((base + "link/../x").c_str()), base + "link/../x");
 }
 
 } // namespace

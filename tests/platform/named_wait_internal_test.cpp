@@ -1,19 +1,17 @@
+#include "process_roles.h"
 #include "wait_support.h"
 
 #include "qor/platform/clock.h"
 
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <thread>
 
-/// Named objects, within one process and between two: a test runs its own program again
-/// with a role, which another process then plays instead of the tests.
+/// Named objects, within one process and between two.
 namespace platform {
 namespace {
 
 constexpr uint32_t kAlreadyExists = 183;
 
-/// The role's result is the number of the first step that went wrong, or 0.
 int playVisitor(const std::string& name) {
 	const Owned mutex(openMutex((name + "m").c_str())), semaphore(openSemaphore((name + "s").c_str())),
 	    event(createEvent(true, false, (name + "e").c_str()));
@@ -35,18 +33,8 @@ int playVictim(const std::string& name) {
 	return 0;
 }
 
-class Roles : public testing::Environment {
-	void SetUp() override {
-		const auto arguments = testing::internal::GetArgvs();
-		if (arguments.size() != 3) return;
-		std::_Exit(arguments[1] == "visitor" ? playVisitor(arguments[2]) : playVictim(arguments[2]));
-	}
-};
-const testing::Environment* const gRoles = testing::AddGlobalTestEnvironment(new Roles);
-
-int runRole(const char* role, const std::string& name) {
-	return std::system(("\"" + testing::internal::GetArgvs()[0] + "\" " + role + " " + name).c_str());
-}
+using test_support::runRole;
+const test_support::RoleOf gVisitor("visitor", playVisitor), gVictim("victim", playVictim);
 
 TEST(NamedObjects, AreOpenedAgainWithTheirOwnValues) {
 	const std::string name = uniqueName();

@@ -58,6 +58,7 @@ void takeRights(int handle, const char* path) {
 	if (fstat(handle, &own) != 0) return;
 	mode_t mode = own.st_mode & 0777;
 	if (lstat(path, &old) == 0) {
+		if (!S_ISREG(old.st_mode)) return; // came up meanwhile
 		mode = old.st_mode & 0777;
 		// Only root can; otherwise it becomes this user's.
 		[[maybe_unused]] const bool owned =

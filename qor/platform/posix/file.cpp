@@ -16,6 +16,7 @@
 #include <new>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace platform {
@@ -82,13 +83,29 @@ int openRetrying(const char* path, int flags, mode_t rights = kEverybody) {
 }
 
 int systemFlags(const FileOpen& how) {
-	int flags = O_CLOEXEC | O_NOCTTY;
+	int flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK; // a pipe that came up meanwhile is not waited for
+	if (!how.followsLinks) flags |= O_NOFOLLOW;
 	// Locks of both kinds want both directions, so a file to write is opened for reading too.
 	flags |= how.access & kAccessWrite || truncates(how.disposition) ? O_RDWR : O_RDONLY;
 	if (makes(how.disposition)) flags |= O_CREAT;
 	if (how.disposition == Disposition::createNew) flags |= O_EXCL;
 	if (how.flags & kFlagWriteThrough) flags |= O_DSYNC;
 	return flags;
+}
+
+/// The empty and the full file of the system never keep a caller waiting.
+bool isHarmlessDevice(const struct stat& file) {
+	return S_ISCHR(file.st_mode) && (file.st_rdev == makedev(1, 3) || file.st_rdev == makedev(1, 7));
+}
+
+bool isMeant(const struct stat& file, Target target) {
+	if (S_ISREG(file.st_mode)) return true;
+	return target == Target::file ? isHarmlessDevice(file) : S_ISBLK(file.st_mode);
+}
+
+void waitInTransfers(int handle) {
+	const int now = fcntl(handle, F_GETFL);
+	if (now >= 0) static_cast<void>(fcntl(handle, F_SETFL, now & ~O_NONBLOCK));
 }
 
 /// Unbuffered as far as the file system can; one that cannot (some memory file systems)
@@ -201,15 +218,11 @@ Descriptor openDescriptor(const char* path, const FileOpen& how, Target target) 
 	    (target == Target::device && (truncate || how.disposition == Disposition::createNew))) {
 		return noDescriptor(kInvalidParameter);
 	}
-	const auto refused = [target](const struct stat& file) {
-		return S_ISDIR(file.st_mode) ||
-		       (target == Target::file ? S_ISBLK(file.st_mode) : !S_ISBLK(file.st_mode) && !S_ISREG(file.st_mode));
-	};
 	struct stat found = {};
 	const bool existed = stat(path, &found) == 0;
 	if (existed && how.disposition == Disposition::createNew) return noDescriptor(kFileExists);
 	// Before the open as well as after it: a device that is not ours is not even opened.
-	if (existed && refused(found)) return noDescriptor(kAccessDenied);
+	if (existed && !isMeant(found, target)) return noDescriptor(kAccessDenied);
 
 	int flags = systemFlags(how);
 	if (target == Target::device) flags &= ~O_CREAT;
@@ -218,7 +231,8 @@ Descriptor openDescriptor(const char* path, const FileOpen& how, Target target) 
 		handle = Descriptor(openRetrying(path, (flags & ~O_ACCMODE) | O_WRONLY));
 	}
 	if (!handle) return noDescriptor(openError(errno, path));
-	if (fstat(handle.get(), &found) != 0 || refused(found)) return noDescriptor(kAccessDenied);
+	if (fstat(handle.get(), &found) != 0 || !isMeant(found, target)) return noDescriptor(kAccessDenied);
+	waitInTransfers(handle.get());
 	const bool regular = S_ISREG(found.st_mode);
 	if ((regular || S_ISBLK(found.st_mode)) && !claimSharing(handle.get(), how.access, how.share)) {
 		return noDescriptor(kSharingViolation);

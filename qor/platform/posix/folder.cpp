@@ -46,6 +46,14 @@ void addSizes(int folder, std::vector<FoundFile>* files) {
 	});
 }
 
+/// Whether a path is there, and is not what its shorter form says: ".." behind a linked folder
+/// leads above the folder that the link leads to.
+bool leadsElsewhere(const std::filesystem::path& path, const std::filesystem::path& shorter) {
+	struct stat one = {}, other = {};
+	if (stat(path.c_str(), &one) != 0) return false;
+	return stat(shorter.c_str(), &other) != 0 || one.st_dev != other.st_dev || one.st_ino != other.st_ino;
+}
+
 } // namespace
 
 const char kPathSeparator = '/';
@@ -110,7 +118,10 @@ std::string fullPath(const char* path) {
 	try {
 		if (isDeviceName(path)) return path;
 		if (!native.assign(path)) return {};
-		std::string full = std::filesystem::absolute(native.text()).lexically_normal().string();
+		const std::filesystem::path whole = std::filesystem::absolute(native.text());
+		std::filesystem::path normal = whole.lexically_normal();
+		if (leadsElsewhere(whole, normal) || leadsElsewhere(whole.parent_path(), normal.parent_path())) normal = whole;
+		std::string full = normal.string();
 		const bool folder = native.text()[std::strlen(native.text()) - 1] == '/';
 		if (!folder && full.size() > 1 && full.back() == '/') full.pop_back();
 		return full;

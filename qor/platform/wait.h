@@ -12,6 +12,10 @@
 /// refuses null, closed and foreign handles. A name makes an object that all processes
 /// of the machine share: creating an existing name of the same kind opens it and
 /// ignores the initial values. A null or empty name makes an object private to the process.
+///
+/// A name is compared with its case and shorter than 260 characters (error 206). A "\" stands
+/// only behind the prefixes "Local\", which means the same as none, and "Global\", which makes
+/// another name of it; others are refused (errors 3, 123 and 161).
 namespace platform {
 
 inline constexpr uint32_t kWaitAcquired = 0;

@@ -68,6 +68,19 @@ TEST(NamedObjects, HaveAnyNameAndNoneIsPrivate) {
 	for (int i = 0; i < 4; ++i) {
 		EXPECT_EQ(wait(Owned(openEvent(names[i].c_str())).get(), 0), i % 2 ? kWaitAcquired : kWaitTimeout) << names[i];
 	}
+	static constexpr std::pair<const char*, uint32_t> refused[] = {
+	    {"Other\\", 3}, {"\\", 161}, {"Local\\\\", 123}, {"Local\\a\\", 3}, {"local\\", 3}};
+	for (const auto& [prefix, error] : refused) {
+		const std::string bad = prefix + name;
+		EXPECT_TRUE(!createMutex(false, bad.c_str()) && lastError() == error) << bad;
+		EXPECT_TRUE(!createSemaphore(0, 1, bad.c_str()) && !openEvent(bad.c_str()) && lastError() == error) << bad;
+	}
+	const std::string longest(259, 'x'), tooLong(260, 'x');
+	EXPECT_TRUE(Owned(createMutex(false, longest.c_str())) && !createMutex(false, tooLong.c_str()));
+	EXPECT_EQ(lastError(), 206u);
+	EXPECT_TRUE(!openSemaphore(tooLong.c_str()) && !createEvent(true, true, tooLong.c_str()));
+	EXPECT_TRUE(Owned(openEvent(("Local\\" + names[0]).c_str())));
+	EXPECT_FALSE(Owned(openEvent(("Global\\" + names[0]).c_str())));
 	const Owned empty(createEvent(true, true, "")), other(createEvent(true, false, ""));
 	EXPECT_EQ(wait(other.get(), 0), kWaitTimeout);
 	EXPECT_TRUE(!openMutex(nullptr) && !openEvent(""));

@@ -4,6 +4,7 @@
 #include "../wait.h"
 #include "errors.h"
 #include "named_segment_internal.h"
+#include "object_name_internal.h"
 #include "thread_state_internal.h"
 
 #include <algorithm>
@@ -221,7 +222,9 @@ void removeUnused(NamedObject& object) {
 
 } // namespace
 
-WaitHandle openNamed(const NamedRequest& request) {
+WaitHandle openNamed(NamedRequest request) {
+	request.name = objectName(request.name);
+	if (!request.name) return nullptr;
 	NamedObject* object = nullptr;
 	bool existed = false;
 	{

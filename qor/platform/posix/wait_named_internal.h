@@ -20,7 +20,7 @@ struct NamedRequest {
 
 /// A handle to the object of that name. The last error tells an existing object (183)
 /// from a new one (0). @return null, with the last error, on failure.
-WaitHandle openNamed(const NamedRequest& request);
+WaitHandle openNamed(NamedRequest request);
 
 /// Gives a handle's share back.
 void dropNamed(NamedObject& object);

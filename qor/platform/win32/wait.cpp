@@ -2,6 +2,7 @@
 
 #include "../faults.h"
 
+#include <cstring>
 #include <windows.h>
 
 namespace platform {
@@ -15,9 +16,11 @@ WaitHandle opaque(HANDLE handle) { return reinterpret_cast<WaitHandle>(handle); 
 /// An empty name makes a private object, as a null one does.
 const char* nameOrNull(const char* name) { return name && *name ? name : nullptr; }
 
-bool refuse() {
-	if (!injectFault(FaultPoint::waitObject)) return false;
-	SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+bool refuse(const char* name) {
+	// The system itself draws the line at 260 or 261, by the kind of object.
+	const bool tooLong = name && std::strlen(name) >= MAX_PATH;
+	if (!tooLong && !injectFault(FaultPoint::waitObject)) return false;
+	SetLastError(tooLong ? ERROR_FILENAME_EXCED_RANGE : ERROR_NOT_ENOUGH_MEMORY);
 	return true;
 }
 
@@ -44,32 +47,32 @@ uint32_t waitResult(DWORD result, DWORD count) {
 } // namespace
 
 WaitHandle createMutex(bool owned, const char* name, _SECURITY_ATTRIBUTES* security) {
-	if (refuse()) return nullptr;
+	if (refuse(name)) return nullptr;
 	return opaque(CreateMutexA(security, owned, nameOrNull(name)));
 }
 
 WaitHandle createSemaphore(int32_t initial, int32_t maximum, const char* name) {
-	if (refuse()) return nullptr;
+	if (refuse(name)) return nullptr;
 	return opaque(CreateSemaphoreA(nullptr, initial, maximum, nameOrNull(name)));
 }
 
 WaitHandle createEvent(bool manualReset, bool signalled, const char* name) {
-	if (refuse()) return nullptr;
+	if (refuse(name)) return nullptr;
 	return opaque(CreateEventA(nullptr, manualReset, signalled, nameOrNull(name)));
 }
 
 WaitHandle openMutex(const char* name) {
-	if (refuse() || !isName(name)) return nullptr;
+	if (refuse(name) || !isName(name)) return nullptr;
 	return opaque(OpenMutexA(MUTEX_ALL_ACCESS, FALSE, name));
 }
 
 WaitHandle openSemaphore(const char* name) {
-	if (refuse() || !isName(name)) return nullptr;
+	if (refuse(name) || !isName(name)) return nullptr;
 	return opaque(OpenSemaphoreA(SEMAPHORE_ALL_ACCESS, FALSE, name));
 }
 
 WaitHandle openEvent(const char* name) {
-	if (refuse() || !isName(name)) return nullptr;
+	if (refuse(name) || !isName(name)) return nullptr;
 	return opaque(OpenEventA(EVENT_ALL_ACCESS, FALSE, name));
 }
 

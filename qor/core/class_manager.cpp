@@ -1,5 +1,6 @@
 #include "class_manager.h"
 
+#include "../base/host_call_internal.h"
 #include "../base/wait_guard.h"
 #include "../platform/memory.h"
 
@@ -79,8 +80,10 @@ int CqorMCManager::classGetCount() {
 Cmc* CqorMCManager::classNew(const char* type) {
 	const auto* record = classFindByType(type);
 	Cmc* object = nullptr;
-	if (!record || record->mFunction(Cmc::kClassCommandNew, 0, 0, &object, nullptr) != kQorSuccess) return nullptr;
-	return object;
+	if (!record) return nullptr;
+	const int made = base::callHost(
+	    "class function", [&] { return record->mFunction(Cmc::kClassCommandNew, 0, 0, &object, nullptr); });
+	return made == kQorSuccess ? object : nullptr;
 }
 
 int CqorMCManager::Lock() {

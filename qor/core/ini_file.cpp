@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
+#include <new>
 #include <string>
 
 namespace {
@@ -38,16 +39,14 @@ void widen(wchar_t* out, const char* text, size_t length) {
 CstosINIFile::CstosINIFile() : mPath() {}
 
 int CstosINIFile::Open(const char* path) {
-	const size_t length = path ? std::strlen(path) : 0;
-	// A cut path would name another file, which the writers would then change.
-	if (length == 0 || length >= sizeof mPath) {
+	try {
+		const std::string full = path && *path ? platform::fullPath(path) : ""; // `path` may be our own
 		mPath[0] = 0;
-		return 0;
+		// A cut path would name another file, which the writers would then change.
+		if (full.size() < sizeof mPath) std::memcpy(mPath, full.c_str(), full.size() + 1);
+	} catch (const std::bad_alloc&) {
+		mPath[0] = 0;
 	}
-	// The host's current folder may be another one by the next call.
-	const std::string full = platform::fullPath(path);
-	const bool fits = !full.empty() && full.size() < sizeof mPath;
-	std::memmove(mPath, fits ? full.c_str() : path, (fits ? full.size() : length) + 1);
 	return 0;
 }
 

@@ -14,18 +14,18 @@ class QOR_API CstosINIFile {
 public:
 	CstosINIFile();
 
-	/// Remembers the path; the file is neither opened nor looked for. A null path, and one
-	/// of 260 characters or more, leaves no path set. A relative path means the current folder
-	/// of this call (of each later call, when its absolute form has 260 characters or more).
-	/// @return always 0.
+	/// Remembers the path, made absolute now, so that a change of the current folder does not change
+	/// the file; it is neither opened nor looked for. A null path, and one that has 260 characters or
+	/// more then, leaves no path set. @return always 0.
 	int Open(const char* path);
 
 	/// @return the integer at the start of the value, `defaultValue` without file, section
 	/// or key; 0x10000002 without a path.
 	int GetIntValue(const char* section, const char* key, int defaultValue);
 
-	/// @return the value as `atof` reads its first 260 characters; `defaultValue` without
-	/// a path or when the value is absent or empty.
+	/// @return the decimal number at the start of the value's first 260 characters, with a point in
+	/// every locale (0 without one, so for "0x10"); `defaultValue` without a path or when the value is
+	/// absent or empty.
 	double GetDoubleValue(const char* section, const char* key, double defaultValue);
 
 	/// Copies the value, or `defaultValue` (null: empty), cut to `size` - 1 characters.

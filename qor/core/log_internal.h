@@ -25,6 +25,10 @@ inline constexpr uint32_t kLogWindowMessage = 1124; // the first user message nu
 ///     deliver: log lock, at most 100 ms, then without it
 ///       | callback -> memory list -> windows -> file (one write, line and line end)
 ///
+/// The lines of `qor` and `Cmc` objects come the same way; composing takes no lock at all. The
+/// log lock is the only one that a callback runs under, since the receivers shall see the lines
+/// in one order; what a hung callback costs another thread is these 100 ms a line.
+///
 /// The log lock keeps the receivers in step but cannot be relied on: a wait may time out,
 /// and `close` may take the lock away while others log. What memory safety needs therefore
 /// has short locks of its own, always taken last, one at a time, and never held while the
@@ -53,12 +57,16 @@ public:
 	size_t putTime(char* line) const;
 	/// Gives a line to all receivers. `line` has room for two bytes behind its terminator.
 	void deliver(char* line, size_t length);
+	/// Writes a line into the file alone, for a process that is about to end: waits for another
+	/// thread's line for a moment, then leaves this one out. May come from within a log callback.
+	void deliverLast(const char* text) noexcept;
 
 private:
 	void callBack(const char* line);
 	void keepLine(const char* line, size_t length);
 	void postToWindows(const char* line, size_t length) const;
 	void writeToFile(char* line, size_t length);
+	void writeLocked(char* line, size_t length);
 
 	std::atomic<double> mTicksPerSecond{1.0};
 	std::atomic<double> mTimeOrigin{0.0}; // seconds

@@ -1,3 +1,4 @@
+#include "../base/host_call_internal.h"
 #include "../base/wait_guard.h"
 #include "../platform/clock.h"
 #include "../platform/file.h"
@@ -15,6 +16,7 @@ namespace {
 
 constexpr unsigned kLogLockWaitMs = 100;
 constexpr int kMaximumCallbackDepth = 8;
+constexpr int kLastLineWaitMs = 100;
 
 /// Storage without a destructor.
 union Permanent {
@@ -43,6 +45,7 @@ void Log::open(const char* path, uint32_t share) {
 		mFile = platform::fileSystem().open(path, how);
 	}
 	if (!mLogLock) mLogLock = platform::createMutex(false);
+	base::setLastWords([](const char* line) noexcept { theLog().deliverLast(line); });
 }
 
 void Log::close() {
@@ -102,10 +105,7 @@ void Log::callBack(const char* line) {
 	}
 	if (!function) return;
 	++callbackDepth;
-	try {
-		(*function)(line);
-	} catch (...) { // nothing is thrown through the library
-	}
+	base::callHost("the log's function", [&] { (*function)(line); });
 	--callbackDepth;
 }
 
@@ -126,11 +126,27 @@ void Log::postToWindows(const char* line, size_t length) const {
 	}
 }
 
+void Log::deliverLast(const char* text) noexcept {
+	char line[kLogLineSize + 2];
+	size_t length = putTime(line);
+	length += platform::formatText(line + length, kLogLineSize - length, "%s", text);
+	std::unique_lock guard(mFileMutex, std::try_to_lock);
+	for (int waited = 0; !guard && waited < kLastLineWaitMs; ++waited) {
+		platform::sleepMs(1);
+		static_cast<void>(guard.try_lock());
+	}
+	if (guard) writeLocked(line, length);
+}
+
 void Log::writeToFile(char* line, size_t length) {
+	const std::lock_guard guard(mFileMutex);
+	writeLocked(line, length);
+}
+
+void Log::writeLocked(char* line, size_t length) {
 	line[length] = '\r';
 	line[length + 1] = '\n';
 	const auto count = static_cast<uint32_t>(length + 2);
-	const std::lock_guard guard(mFileMutex);
 	if (!mFile) return;
 	// One write as a rule. What a short one left follows while the file takes anything at all.
 	for (uint32_t done = 0; done < count;) {

@@ -1,6 +1,7 @@
 #include "managed_object.h"
 
 #include "../platform/format.h"
+#include "managed_object_internal.h"
 #include "shared_block_internal.h"
 
 #include <atomic>
@@ -15,42 +16,64 @@ bool same(const char* a, const char* b) { return a && b && std::strcmp(a, b) == 
 
 } // namespace
 
-Cmc::Cmc() { Cmc::_mcSetDefaultName(); }
+Cmc::Cmc()
+    : mName(nullptr), mParent(nullptr), mChildren(nullptr), mChildCount(0), mFlags(0), mWalks(nullptr), mLinks(nullptr),
+      mFront(0), mRoom(0), mPlace(0), mBranches(0), mListed(false), mHasAttached(false), mHasCopiedList(false),
+      mHasOwnNames(false), mReserved() {
+	Cmc::_mcSetDefaultName();
+}
 
 Cmc::Cmc(const Cmc& other)
     : mName(other.mName), mParent(other.mParent), mChildren(other.mChildren), mChildCount(other.mChildCount),
-      mFlags(other.mFlags) {
+      mFlags(other.mFlags), mWalks(nullptr), mLinks(nullptr), mFront(other.mFront), mRoom(other.mRoom), mPlace(0),
+      mBranches(0), mListed(false), mHasAttached(false), mHasCopiedList(other.mChildCount > 0), mHasOwnNames(false),
+      mReserved() {
 	core::addSharedUser(mName);
-	core::addSharedUser(mChildren);
+	core::addSharedUser(childBlock());
+	if (mParent) noteLooseParent();
 }
 
 Cmc& Cmc::operator=(const Cmc& other) {
 	if (this == &other || isSelfOrAncestor(&other) || other.isSelfOrAncestor(this)) return *this;
 	core::addSharedUser(other.mName);
-	core::addSharedUser(other.mChildren);
-	core::releaseShared(mName);
-	core::releaseShared(mChildren);
+	core::addSharedUser(other.childBlock());
 	if (mParent != other.mParent) leaveParent(); // or that parent would keep a child it cannot be rid of
+	if (mChildCount > 0) {
+		unlinkChildren(false);
+		forgetChildren();
+	}
+	noteName(other.storedName());
+	core::releaseShared(mName);
 	mName = other.mName;
 	mParent = other.mParent;
 	mChildren = other.mChildren;
 	mChildCount = other.mChildCount;
+	mFront = other.mFront;
+	mRoom = other.mRoom;
+	mHasCopiedList = mChildCount > 0;
+	if (mListed && mChildCount > 0) ++mParent->mBranches;
 	mFlags = other.mFlags;
+	noteLooseParent(); // its own, and that of the children it had
 	return *this;
 }
 
 Cmc::~Cmc() {
+	for (auto* walk = mWalks; walk; walk = walk->outer) walk->owner = nullptr;
 	leaveParent();
+	while (mLinks && mLinks->holderCount > 0) mLinks->holders[0]->removeChild(this);
+	unlinkChildren(true);
 	core::releaseShared(mName);
-	core::releaseShared(mChildren);
+	core::releaseShared(childBlock());
+	delete mLinks;
 }
 
 const char* Cmc::gettype() const { return "Cmc"; }
 qorMCClassFunc Cmc::getclassfunc() const { return qorMC__CLASSFUNC; }
 
 int Cmc::classfunc(unsigned long command, unsigned long a, unsigned long b, void* out, void* p) {
-	const auto function = getclassfunc();
-	return function ? function(command, a, b, out, p) : kQorFailure;
+	const auto function = base::callHost("Cmc::getclassfunc", [&] { return getclassfunc(); });
+	if (!function) return kQorFailure;
+	return base::callHost("class function", [&] { return function(command, a, b, out, p); });
 }
 
 int Cmc::qorMC__CLASSFUNC(unsigned long command, unsigned long, unsigned long, void* out, void*) {
@@ -64,7 +87,7 @@ void Cmc::_mcSetDefaultName() {
 	setname(name);
 }
 
-const char* Cmc::getname() const { return mName ? mName : ""; }
+const char* Cmc::getname() const { return storedName(); }
 
 const char* Cmc::setname(const char* name) {
 	char* copy = nullptr;
@@ -74,9 +97,17 @@ const char* Cmc::setname(const char* name) {
 		if (!copy) return getname();
 		std::memcpy(copy, name, size); // `name` may be the old name, so that goes last
 	}
+	noteName(copy ? copy : "");
 	core::releaseShared(mName);
 	mName = copy;
 	return getname();
+}
+
+const char* Cmc::storedName() const { return mName ? mName : ""; }
+
+/// To be called before the stored name changes.
+void Cmc::noteName(const char* newName) {
+	if (mListed && mParent->mLinks) mParent->mLinks->names.rename(this, storedName(), newName);
 }
 
 const char* Cmc::getbaseclass() const { return ""; }
@@ -85,13 +116,29 @@ const char* Cmc::getsubclass() const { return ""; }
 const char* Cmc::getsub2class() const { return ""; }
 
 int Cmc::_mcOnDestroy() { return 0; }
+int Cmc::_mcReserved1(void*) { return 0; }
+int Cmc::_mcReserved2(void*) { return 0; }
+int Cmc::_mcReserved3(void*) { return 0; }
+int Cmc::_mcReserved4(void*) { return 0; }
 
-int Cmc::isname(const char* text) const { return same(getname(), text); }
-int Cmc::istype(const char* text) const { return same(gettype(), text); }
-int Cmc::isctx(const char* text) const { return same(getctx(), text); }
-int Cmc::issubclass(const char* text) const { return same(getsubclass(), text); }
-int Cmc::issub2class(const char* text) const { return same(getsub2class(), text); }
-int Cmc::isbaseclass(const char* text) const { return istype(text) || same(getbaseclass(), text); }
+int Cmc::isname(const char* text) const { return same(core::nameOf(*this), text); }
+int Cmc::istype(const char* text) const { return same(core::typeOf(*this), text); }
+
+int Cmc::isctx(const char* text) const {
+	return base::callHost("Cmc::getctx", [&] { return same(getctx(), text); });
+}
+
+int Cmc::issubclass(const char* text) const {
+	return base::callHost("Cmc::getsubclass", [&] { return same(getsubclass(), text); });
+}
+
+int Cmc::issub2class(const char* text) const {
+	return base::callHost("Cmc::getsub2class", [&] { return same(getsub2class(), text); });
+}
+
+int Cmc::isbaseclass(const char* text) const {
+	return istype(text) || base::callHost("Cmc::getbaseclass", [&] { return same(getbaseclass(), text); });
+}
 
 int Cmc::_mcHasFlag(unsigned long mask) const { return (mFlags & mask) != 0; }
 

@@ -12,6 +12,12 @@ class XMLElement;
 class XMLNode;
 } // namespace tinyxml2
 
+namespace core {
+class ManagedWalk;
+struct ManagedLinks;
+struct WalkFrame;
+} // namespace core
+
 class Cmc;
 class CstMemFile;
 struct eqorMC_SEQHDR;
@@ -292,27 +298,60 @@ public:
 	int _mcLoadFromXMLFile(const char* path, int flag);
 
 private:
-	bool isSelfOrAncestor(const Cmc* candidate) const;
-	bool insertChild(Cmc* child);
-	bool removeChild(Cmc* child);
+	// Slots for operations to come, so that the tables of host classes keep their shape.
+	virtual int _mcReserved1(void* p);
+	virtual int _mcReserved2(void* p);
+	virtual int _mcReserved3(void* p);
+	virtual int _mcReserved4(void* p);
+
+	friend class core::ManagedWalk;
+	const char* storedName() const;
+	void noteName(const char* newName);
+	void* childBlock() const;
+	int placeOf(const Cmc* child, int expected) const;
+	int findPlace(const Cmc* child) const;
+	bool lists(const Cmc* child) const;
 	bool ownChildren(int places);
+	bool insertChild(Cmc* child);
+	void removeChildAt(int index);
+	bool removeChild(Cmc* child);
+	static void noteLooseParent();
+	void unlinkChildren(bool going);
+	void forgetChildren();
 	void leaveParent();
+	core::ManagedLinks* links();
+	bool isSelfOrAncestor(const Cmc* candidate) const;
+	bool wouldContainItself(const Cmc* child) const;
+	static void destroyBelow(core::ManagedWalk& walk, int del);
+	bool coverNames();
+	Cmc* childNamed(const char* name, std::size_t length, const char* type) const;
+	Cmc* childNamedOr(const char* name, const char* alternative, int length, const char* type) const;
 	void handleBuiltInMessage(unsigned long message, void* p, int depth);
 	int fillSequence(eqorMC_SEQHDR* header, int* verdict);
 	Cmc* findForUpdate(const char* name, const char* type) const;
+	int onXML(tinyxml2::XMLNode* node, int depth, int flag);
+	int doXMLNodes(tinyxml2::XMLNode* node, int depth, int flag);
 	int createFromXML(tinyxml2::XMLElement* element, const char* name, int depth, int flag);
 	int loadFromXMLText(char* text, std::size_t length, int flag);
 	int writeXML(CstMemFile* memfile, int depth, int nesting);
 	int writeChildrenXML(CstMemFile* memfile, int depth, int nesting);
 
-	char* mName = nullptr; // shared_block.h
-	Cmc* mParent = nullptr;
-	Cmc** mChildren = nullptr; // shared_block.h; null without children
-	std::int32_t mChildCount = 0;
-	std::uint32_t mFlags = 0;
-	// Whether mParent has this object among its children. A copy is not: it may outlive that parent,
-	// so its destructor must not go there.
-	bool mListed = false;
+	char* mName; // shared_block_internal.h
+	Cmc* mParent;
+	Cmc** mChildren; // managed_object_list.cpp; null without children
+	std::int32_t mChildCount;
+	std::uint32_t mFlags;
+	core::WalkFrame* mWalks;    // the innermost walk that is inside of this object
+	core::ManagedLinks* mLinks; // null as long as nothing needs it
+	std::int32_t mFront;        // places at the start of the children's block that are left
+	std::int32_t mRoom;         // places of the block
+	std::int32_t mPlace;        // about where the parent's block has this object
+	std::int32_t mBranches;     // children listed here as their parent that have children
+	bool mListed;               // whether mParent has this object among its children; a copy is not
+	bool mHasAttached;          // whether others' children are or were in the list
+	bool mHasCopiedList;        // whether the list came from another object
+	bool mHasOwnNames;          // whether a child makes its name up itself
+	std::uint64_t mReserved[2];
 };
 
 namespace managed {

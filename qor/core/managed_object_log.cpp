@@ -1,8 +1,7 @@
-#include "../base/wait_guard.h"
 #include "../platform/format.h"
-#include "../platform/memory.h"
-#include "managed_object.h"
+#include "managed_object_internal.h"
 #include "runtime.h"
+#include "visible_text_internal.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -13,20 +12,6 @@ namespace {
 constexpr std::size_t kTextSize = 4096;
 constexpr int kMaximumIndent = 63; // levels
 constexpr int kIndentWidth = 4;    // blanks a level
-
-/// One text is composed at a time for all objects. Neither the lock nor the buffer is ever freed:
-/// objects may log while the process ends.
-platform::WaitHandle logLock() {
-	static const platform::WaitHandle lock = platform::createMutex(false);
-	return lock;
-}
-
-/// Made by the first text; under the log lock.
-char* textBuffer() {
-	static constinit char* buffer = nullptr;
-	if (!buffer) buffer = static_cast<char*>(platform::allocate(kTextSize));
-	return buffer;
-}
 
 const char* levelPrefix(int level) {
 	switch (level) {
@@ -39,16 +24,29 @@ const char* levelPrefix(int level) {
 	}
 }
 
+/// A name as it may stand in a line: one that came with XML text may hold line feeds.
+class LoggedName {
+public:
+	explicit LoggedName(const Cmc& object)
+	    : mName(core::nameOf(object)), mFromFile(object._mcHasFlag(Cmc::kFlagFromXml) != 0),
+	      mVisible(mFromFile ? mName : nullptr) {}
+	const char* get() const { return mFromFile ? mVisible.get() : mName; }
+
+private:
+	const char* mName;
+	bool mFromFile;
+	core::VisibleText mVisible;
+};
+
+/// Composed on the stack, without a lock: no callback of the log can hold up another object.
 void write(const Cmc& object, const char* prefix, const char* format, va_list arguments) {
-	const base::MutexGuard guard(logLock());
-	char* text = guard.owns() ? textBuffer() : nullptr;
-	if (!text) return;
-	platform::formatTextV(text, kTextSize, format ? format : "", arguments);
-	const char* name = object.getname();
-	if (*name) {
-		appmsg("%s[%s] <%s> : %s", prefix, object.gettype(), name, text);
+	char text[kTextSize];
+	platform::formatTextV(text, sizeof text, format ? format : "", arguments);
+	const LoggedName name(object);
+	if (*name.get()) {
+		appmsg("%s[%s] <%s> : %s", prefix, core::typeOf(object), name.get(), text);
 	} else {
-		appmsg("%s[%s] : %s", prefix, object.gettype(), text);
+		appmsg("%s[%s] : %s", prefix, core::typeOf(object), text);
 	}
 }
 
@@ -69,18 +67,23 @@ void Cmc::_mclog(int level, const char* format, ...) const {
 }
 
 void Cmc::_mclogtree() {
-	constexpr int kCapacity = 1000;
-	auto* sequence = _mcAllocSeqHdr(kCapacity);
-	if (!sequence) return;
-	_mcfillseq(sequence);
 	char indent[kMaximumIndent * kIndentWidth + 1];
 	std::memset(indent, ' ', sizeof indent - 1);
 	indent[sizeof indent - 1] = '\0';
-	for (int i = 0; i < sequence->mCount; ++i) {
-		const auto& item = sequence->mItems[i];
-		const int levels = std::min(item.mDepth, kMaximumIndent);
-		appmsg("%s%s (%s)", indent + (kMaximumIndent - levels) * kIndentWidth, item.mObject->getname(),
-		    item.mObject->gettype());
+	core::ManagedWalk walk;
+	const auto visit = [&](Cmc* object) {
+		const int levels = std::min(walk.depth(), kMaximumIndent);
+		if (walk.enter(object) != core::ManagedWalk::Entered::yes) return;
+		appmsg("%s%s (%s)", indent + (kMaximumIndent - levels) * kIndentWidth, LoggedName(*object).get(),
+		    core::typeOf(*object));
+		walk.open();
+	};
+	visit(this);
+	while (walk.depth() > 0) {
+		if (Cmc* child = walk.next()) {
+			visit(child);
+		} else {
+			walk.leave();
+		}
 	}
-	_mcFreeSeqHdr(sequence);
 }

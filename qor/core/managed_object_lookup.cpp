@@ -1,29 +1,18 @@
 #include "../platform/number.h"
-#include "managed_object.h"
+#include "managed_object_internal.h"
 #include "runtime.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
 
+/// Children up to which a list is looked through.
+constexpr int kIndexedChildren = 32;
+
 bool hasName(const Cmc* object, const char* name, std::size_t length) {
-	const char* own = object->getname();
+	const char* own = core::nameOf(*object);
 	return std::strncmp(own, name, length) == 0 && std::strlen(own) == length;
-}
-
-/// The first child of exactly that name and, unless `type` is null, of that type.
-Cmc* childNamed(const Cmc* parent, const char* name, std::size_t length, const char* type = nullptr) {
-	for (int i = 0; i < parent->_mcGetChildCount(); ++i) {
-		Cmc* child = parent->_mcGetChild(i);
-		if (hasName(child, name, length) && (!type || child->istype(type))) return child;
-	}
-	return nullptr;
-}
-
-Cmc* childNamedOr(const Cmc* parent, const char* name, const char* alternative, int length, const char* type) {
-	const auto lengthOf = [length](const char* text) { return length > 0 ? length : std::strlen(text); };
-	Cmc* child = childNamed(parent, name, lengthOf(name), type);
-	return child || !alternative ? child : childNamed(parent, alternative, lengthOf(alternative), type);
 }
 
 bool matches(const Cmc* object, const char* name, const char* type) {
@@ -37,13 +26,32 @@ Cmc* findUp(const Cmc* object, const char* name, const char* type) {
 	return nullptr;
 }
 
-Cmc* findDown(const Cmc* object, const char* name, const char* type) {
-	for (int i = 0; i < object->_mcGetChildCount(); ++i) {
-		Cmc* child = object->_mcGetChild(i);
+/// Through the walk that has entered an object already.
+Cmc* findDown(core::ManagedWalk& walk, const char* name, const char* type) {
+	walk.open();
+	while (walk.depth() > 0) {
+		Cmc* child = walk.next();
+		if (!child) {
+			walk.leave();
+			continue;
+		}
 		if (matches(child, name, type)) return child;
-		if (Cmc* found = findDown(child, name, type)) return found;
+		if (!child->_mcHasChilds()) continue;
+		const auto entered = walk.enter(child);
+		if (entered == core::ManagedWalk::Entered::yes) {
+			walk.open();
+		} else if (entered == core::ManagedWalk::Entered::noMemory) {
+			if (Cmc* found = child->_mcFindByNameAndType(name, type, 0)) return found;
+		}
 	}
 	return nullptr;
+}
+
+Cmc* findDown(const Cmc* object, const char* name, const char* type) {
+	if (!object->_mcHasChilds()) return nullptr;
+	core::ManagedWalk walk;
+	walk.enter(const_cast<Cmc*>(object));
+	return findDown(walk, name, type);
 }
 
 /// Where a segment of a path leads, and the path behind it; `rest` null: the path ends here.
@@ -56,14 +64,16 @@ bool isNameCharacter(char c) {
 	return platform::isDigit(c) || platform::isLetter(c) || c == '_' || static_cast<unsigned char>(c) > 127;
 }
 
-PathStep nameStep(Cmc* from, const char* path) {
+/// @param named finds a child by the first characters of a text.
+template <class Named>
+PathStep nameStep(const char* path, Named named) {
 	const std::size_t length = std::strcspn(path, ".-");
-	Cmc* child = childNamed(from, path, length);
+	Cmc* child = named(path, length);
 	const char* end = path + length;
 	if (!child) {
 		std::size_t word = 0;
 		while (word < length && isNameCharacter(path[word])) ++word;
-		return {word > 0 && word < length ? childNamed(from, path, word) : nullptr};
+		return {word > 0 && word < length ? named(path, word) : nullptr};
 	}
 	if (*end == '.') return {child, end + 1};
 	if (*end == '\0') return {child};
@@ -106,17 +116,50 @@ PathStep keywordStep(Cmc* from, const char* path) {
 Cmc* Cmc::_mcGetChild(int index) const { return index >= 0 && index < mChildCount ? mChildren[index] : nullptr; }
 
 unsigned int Cmc::_mcGetIndexChildByPtr(const Cmc* child) const {
-	for (int i = 0; i < mChildCount; ++i)
-		if (mChildren[i] == child) return static_cast<unsigned int>(i);
-	return static_cast<unsigned int>(kQorNotFound);
+	return static_cast<unsigned int>(findPlace(child)); // -1 is kQorNotFound
+}
+static_assert(static_cast<unsigned int>(-1) == kQorNotFound);
+
+/// Brings the index of the names up to date. @return false when there is none.
+bool Cmc::coverNames() {
+	if (mHasAttached || mHasCopiedList || mHasOwnNames || !links()) return false;
+	auto& names = mLinks->names;
+	while (names.covered() < mChildCount) {
+		Cmc* child = mChildren[names.covered()];
+		const char* name = core::nameOf(*child);
+		mHasOwnNames = child->mName ? name != child->mName : *name != '\0';
+		if (mHasOwnNames || !names.add(child, name, std::strlen(name))) {
+			names.clear();
+			return false;
+		}
+	}
+	return true;
+}
+
+/// The first child of exactly that name and, unless `type` is null, of that type.
+Cmc* Cmc::childNamed(const char* name, std::size_t length, const char* type) const {
+	const auto matches = [&](const Cmc* child) {
+		return hasName(child, name, length) && (!type || child->istype(type));
+	};
+	if (mChildCount > kIndexedChildren && const_cast<Cmc*>(this)->coverNames())
+		return mLinks->names.find(name, strnlen(name, length), matches);
+	Cmc** const end = mChildren + mChildCount;
+	Cmc** const found = std::find_if(mChildren, end, matches);
+	return found == end ? nullptr : *found;
+}
+
+Cmc* Cmc::childNamedOr(const char* name, const char* alternative, int length, const char* type) const {
+	const auto lengthOf = [length](const char* text) { return length > 0 ? length : std::strlen(text); };
+	Cmc* child = childNamed(name, lengthOf(name), type);
+	return child || !alternative ? child : childNamed(alternative, lengthOf(alternative), type);
 }
 
 Cmc* Cmc::_mcGetChildByName(const char* name, const char* alternative, int length) const {
-	return name ? childNamedOr(this, name, alternative, length, nullptr) : nullptr;
+	return name ? childNamedOr(name, alternative, length, nullptr) : nullptr;
 }
 
 Cmc* Cmc::_mcGetChildByNameAndType(const char* name, const char* type, const char* alternative, int length) const {
-	return name && type ? childNamedOr(this, name, alternative, length, type) : nullptr;
+	return name && type ? childNamedOr(name, alternative, length, type) : nullptr;
 }
 
 Cmc* Cmc::_mcGetChildByType(const char* type, int n) const {
@@ -160,6 +203,9 @@ Cmc* Cmc::_mcFind(const char* path) {
 	PathStep step{this, path};
 	if (!path) return nullptr;
 	while (step.object && step.rest)
-		step = *step.rest == '$' ? keywordStep(step.object, step.rest) : nameStep(step.object, step.rest);
+		step = *step.rest == '$' ? keywordStep(step.object, step.rest)
+		                         : nameStep(step.rest, [&](const char* name, std::size_t length) {
+			                           return step.object->childNamed(name, length, nullptr);
+		                           });
 	return step.object;
 }

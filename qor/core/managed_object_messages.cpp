@@ -1,5 +1,5 @@
 #include "../platform/memory.h"
-#include "managed_object.h"
+#include "managed_object_internal.h"
 
 namespace {
 
@@ -27,19 +27,37 @@ void Cmc::handleBuiltInMessage(unsigned long message, void* p, int depth) {
 	} else if (message == kMessageReport && p) {
 		const auto* report = static_cast<const eqorMC_REPORT*>(p);
 		if (report->mCallback && (!report->mType || istype(report->mType)))
-			report->mCallback(report->mContext, this, depth);
+			base::callHost("report", [&] { report->mCallback(report->mContext, this, depth); });
 	}
 }
 
 int Cmc::_mcDispatchMsg(unsigned long message, unsigned long a, unsigned long b, void* p, void* q, int depth) {
-	if (depth >= 0) {
-		handleBuiltInMessage(message, p, depth);
-		if (_mcOnDispatchMsg(message, a, b, p, q, depth)) return 0;
+	core::ManagedWalk walk;
+	int result = kQorSuccess;
+	const auto visit = [&](Cmc* object, int at) {
+		const auto entered = walk.enter(object);
+		if (entered == core::ManagedWalk::Entered::noMemory) result = kQorFailure;
+		if (entered != core::ManagedWalk::Entered::yes) return;
+		if (at >= 0) object->handleBuiltInMessage(message, p, at);
+		const bool stop = at >= 0 && walk.object() && base::callHost("Cmc::_mcOnDispatchMsg", [&] {
+			return object->_mcOnDispatchMsg(message, a, b, p, q, at) != 0;
+		});
+		if (stop || !walk.object()) return walk.leave();
+		walk.open();
+	};
+	visit(this, depth);
+	while (walk.depth() > 0) {
+		const int at = depth + walk.depth() - 1;
+		if (Cmc* child = walk.next()) {
+			visit(child, at + 1);
+			continue;
+		}
+		Cmc* done = walk.object();
+		if (done && at >= 0)
+			base::callHost("Cmc::_mcOnPostDispatchMsg", [&] { done->_mcOnPostDispatchMsg(message, a, b, p, q, at); });
+		walk.leave();
 	}
-	// The count is read anew each time: a handler may remove children.
-	for (int i = 0; i < mChildCount; ++i) mChildren[i]->_mcDispatchMsg(message, a, b, p, q, depth + 1);
-	if (depth >= 0) _mcOnPostDispatchMsg(message, a, b, p, q, depth);
-	return 0;
+	return result;
 }
 
 int Cmc::_mcUnselectAll(const char* type) {
@@ -93,24 +111,48 @@ int Cmc::_mcfillseq(eqorMC_SEQHDR* header) {
 	return verdict == kSequenceSkipBranch || verdict == kSequenceAddLeaf ? 0 : header->mCount;
 }
 
+namespace {
+
+/// What filters and callback of the header decide about an object.
+int verdictOn(eqorMC_SEQHDR* header, Cmc* object) {
+	const bool passes =
+	    (!header->mType || object->istype(header->mType)) && (!header->mContext || object->isctx(header->mContext));
+	if (!passes) return kSequenceChildrenOnly;
+	if (!header->mCallback) return kSequenceAdd;
+	return base::callHost("sequence filter", [&] { return header->mCallback(header, object); });
+}
+
+} // namespace
+
 /// @param verdict receives what was decided about this object.
 int Cmc::fillSequence(eqorMC_SEQHDR* header, int* verdict) {
-	const bool passes = (!header->mType || istype(header->mType)) && (!header->mContext || isctx(header->mContext));
-	*verdict = passes ? kSequenceAdd : kSequenceChildrenOnly;
-	if (passes && header->mCallback) *verdict = header->mCallback(header, this);
-	if (*verdict == kSequenceSkipBranch) return kQorSuccess;
-	if (*verdict != kSequenceChildrenOnly) {
-		auto* item = _mcAllocItemFromSeqHdr(header);
-		if (!item) return kQorFailure;
-		*item = {this, header->mDepth};
-	}
-	if (*verdict == kSequenceAddLeaf) return kQorSuccess;
+	core::ManagedWalk walk;
 	int result = kQorSuccess;
-	++header->mDepth;
-	for (int i = 0; i < mChildCount && result == kQorSuccess; ++i) {
-		int childVerdict;
-		result = mChildren[i]->fillSequence(header, &childVerdict);
+	const std::int32_t depth = header->mDepth; // of this object
+	const auto visit = [&](Cmc* object) {
+		const auto entered = walk.enter(object);
+		if (entered == core::ManagedWalk::Entered::noMemory) result = kQorFailure;
+		if (entered != core::ManagedWalk::Entered::yes) return;
+		header->mDepth = depth + walk.depth() - 1;
+		const int decided = verdictOn(header, object);
+		if (walk.depth() == 1) *verdict = decided;
+		if (!walk.object() || decided == kSequenceSkipBranch) return walk.leave();
+		if (decided != kSequenceChildrenOnly) {
+			auto* item = _mcAllocItemFromSeqHdr(header);
+			if (item) *item = {object, depth + walk.depth() - 1};
+			if (!item) result = kQorFailure;
+		}
+		if (decided == kSequenceAddLeaf) return walk.leave();
+		walk.open();
+	};
+	visit(this);
+	while (walk.depth() > 0 && result == kQorSuccess) {
+		if (Cmc* child = walk.next()) {
+			visit(child);
+		} else {
+			walk.leave();
+		}
 	}
-	--header->mDepth;
+	header->mDepth = depth;
 	return result;
 }

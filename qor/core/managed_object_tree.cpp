@@ -1,7 +1,7 @@
-#include "managed_object.h"
-#include "shared_block_internal.h"
+#include "managed_object_internal.h"
 
 #include <cstring>
+#include <new>
 
 Cmc* Cmc::_mcCreate(Cmc* parent, const char* name) {
 	auto* object = new (std::nothrow) Cmc;
@@ -16,14 +16,20 @@ Cmc* Cmc::_mcCreate(Cmc* parent, const char* name) {
 
 int Cmc::_mcSetParent(Cmc* parent) {
 	if (parent == mParent) return kQorSuccess;
-	if (parent && parent->isSelfOrAncestor(this)) return kQorFailure;
+	if (parent && parent->wouldContainItself(this)) return kQorFailure;
 	leaveParent();
-	mParent = parent;
 	if (!parent) return kQorSuccess;
-	mListed = parent->_mcGetIndexChildByPtr(this) != kQorNotFound || parent->insertChild(this);
-	if (mListed) return kQorSuccess;
-	mParent = nullptr; // a parent that does not know its child could go without it
-	return kQorFailure;
+	const bool attached = parent->lists(this);
+	mParent = parent;
+	if (attached) {
+		if (mLinks) mLinks->removeHolder(parent);
+		mListed = true;
+		if (mChildCount > 0) ++parent->mBranches;
+	} else if (!parent->insertChild(this)) {
+		mParent = nullptr; // a parent that does not know its child could go without it
+		return kQorFailure;
+	}
+	return kQorSuccess;
 }
 
 Cmc* Cmc::_mcGetRoot() const {
@@ -33,88 +39,99 @@ Cmc* Cmc::_mcGetRoot() const {
 }
 
 int Cmc::_mcAttach(Cmc* child) {
-	if (!child || isSelfOrAncestor(child) || _mcGetIndexChildByPtr(child) != kQorNotFound) return 0;
-	if (!insertChild(child)) return 0;
-	if (child->mParent == this) child->mListed = true;
+	if (!child || wouldContainItself(child) || lists(child)) return 0;
+	if (child->mParent == this) return insertChild(child);
+	if (mHasCopiedList) return insertChild(child); // an unknown guest among others
+	if (!child->links() || !child->mLinks->addHolder(this)) return 0;
+	if (!insertChild(child)) {
+		child->mLinks->removeHolder(this);
+		return 0;
+	}
+	mHasAttached = true;
+	if (mLinks) mLinks->names.clear();
 	return 1;
 }
 
-int Cmc::_mcDetach(Cmc* child) { return removeChild(child); }
+int Cmc::_mcDetach(Cmc* child) {
+	if (!child || findPlace(child) < 0) return 0;
+	if (child->mParent == this) noteLooseParent();
+	return removeChild(child);
+}
 
 int Cmc::_mcMoveChild(Cmc* child, unsigned long index) {
-	const auto from = _mcGetIndexChildByPtr(child);
-	if (from == kQorNotFound) return kQorFailure;
+	const int from = findPlace(child);
+	if (from < 0) return kQorFailure;
 	const auto last = static_cast<unsigned long>(mChildCount) - 1;
 	// -1 passed where `unsigned long` has 64 bits means the last place, too.
 	if (index == kQorNotFound || index == static_cast<unsigned long>(-1)) index = last;
 	if (index > last || !ownChildren(mChildCount)) return kQorFailure;
-	if (from < index) std::memmove(mChildren + from, mChildren + from + 1, (index - from) * sizeof *mChildren);
-	if (from > index) std::memmove(mChildren + index + 1, mChildren + index, (from - index) * sizeof *mChildren);
-	mChildren[index] = child;
+	const int to = static_cast<int>(index);
+	if (from < to) std::memmove(mChildren + from, mChildren + from + 1, (to - from) * sizeof *mChildren);
+	if (from > to) std::memmove(mChildren + to + 1, mChildren + to, (from - to) * sizeof *mChildren);
+	mChildren[to] = child;
+	if (child->mParent == this) child->mPlace = mFront + to;
+	if (mLinks) mLinks->names.clear(); // it keeps the order
 	return kQorSuccess;
 }
 
+/// Destroys and deletes everything below the object that the walk has entered last; its own children
+/// are deleted when `del` is non-zero. Handlers may change the tree: the first child is looked up anew
+/// each time, and what a handler destroyed is passed over.
+void Cmc::destroyBelow(core::ManagedWalk& walk, int del) {
+	using Entered = core::ManagedWalk::Entered;
+	const int top = walk.depth();
+	while (true) {
+		Cmc* at = walk.object();
+		if (at && at->mChildCount > 0) {
+			Cmc* child = at->mChildren[0];
+			const auto entered = walk.enter(child);
+			if (entered == Entered::yes) {
+				base::callHost("Cmc::_mcOnDestroy", [&] { child->_mcOnDestroy(); });
+			} else if (entered == Entered::already) {
+				at->removeChild(child);
+			} else {
+				at->_mcDestroyChild(child, del || walk.depth() > top);
+			}
+			continue;
+		}
+		if (walk.depth() == top) return;
+		walk.leave();
+		if (!at) continue;
+		at->leaveParent();
+		Cmc* holder = walk.object();
+		if (holder && holder->lists(at)) holder->removeChild(at); // one that was only attached is still here
+		if (del || walk.depth() > top) delete at;
+	}
+}
+
 int Cmc::_mcDestroy() {
-	_mcOnDestroy();
-	_mcDestroyChilds(1);
-	leaveParent();
+	core::ManagedWalk walk;
+	walk.enter(this);
+	base::callHost("Cmc::_mcOnDestroy", [&] { _mcOnDestroy(); });
+	destroyBelow(walk, 1);
+	if (walk.object()) leaveParent();
 	return kQorSuccess;
 }
 
 int Cmc::_mcDestroyChild(Cmc* child, int del) {
-	if (_mcGetIndexChildByPtr(child) == kQorNotFound) return kQorFailure;
-	child->_mcDestroy();
-	removeChild(child); // one that was only attached is still here
+	if (findPlace(child) < 0) return kQorFailure;
+	core::ManagedWalk walk;
+	walk.enter(this);
+	if (walk.enter(child) != core::ManagedWalk::Entered::yes) return kQorFailure;
+	base::callHost("Cmc::_mcOnDestroy", [&] { child->_mcOnDestroy(); });
+	destroyBelow(walk, 1);
+	const bool there = walk.object() != nullptr;
+	walk.leave();
+	if (!there) return kQorSuccess;
+	child->leaveParent();
+	if (walk.object() && lists(child)) removeChild(child); // one that was only attached is still here
 	if (del) delete child;
 	return kQorSuccess;
 }
 
 int Cmc::_mcDestroyChilds(int del) {
-	while (mChildCount > 0) _mcDestroyChild(mChildren[0], del); // NOLINT: what is deleted has left the list
+	core::ManagedWalk walk;
+	walk.enter(this);
+	destroyBelow(walk, del);
 	return kQorSuccess;
-}
-
-bool Cmc::isSelfOrAncestor(const Cmc* candidate) const {
-	for (auto* object = this; object; object = object->mParent)
-		if (object == candidate) return true;
-	return false;
-}
-
-/// Makes the child list this object's own, with room for `places` children; nothing changes without memory.
-bool Cmc::ownChildren(int places) {
-	if (mChildren && places <= mChildCount && core::isSoleUser(mChildren)) return true;
-	void* list = core::resizeShared(mChildren, mChildCount * sizeof *mChildren, places * sizeof *mChildren);
-	if (!list) return false;
-	mChildren = static_cast<Cmc**>(list);
-	return true;
-}
-
-/// Exactly one place more: lists are short and there are many objects.
-bool Cmc::insertChild(Cmc* child) {
-	if (mChildCount == INT32_MAX || !ownChildren(mChildCount + 1)) return false;
-	mChildren[mChildCount++] = child;
-	return true;
-}
-
-bool Cmc::removeChild(Cmc* child) {
-	const auto index = _mcGetIndexChildByPtr(child);
-	if (index == kQorNotFound) return false;
-	if (child->mParent == this) child->mListed = false;
-	if (mChildCount == 1) {
-		core::releaseShared(mChildren);
-		mChildren = nullptr;
-		mChildCount = 0;
-		return true;
-	}
-	// Leaving cannot fail: without memory for a list of its own the object changes the one it
-	// shares with a copy, which then meets its last child twice.
-	ownChildren(mChildCount);
-	--mChildCount;
-	std::memmove(mChildren + index, mChildren + index + 1, (mChildCount - index) * sizeof *mChildren);
-	return true;
-}
-
-void Cmc::leaveParent() {
-	if (mListed) mParent->removeChild(this);
-	mParent = nullptr;
 }

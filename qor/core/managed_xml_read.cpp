@@ -2,7 +2,7 @@
 #include "../base/mem_file.h"
 #include "../platform/memory.h"
 #include "class_manager.h"
-#include "managed_object.h"
+#include "managed_object_internal.h"
 #include "managed_xml.h"
 #include "managed_xml_internal.h"
 
@@ -54,7 +54,7 @@ const char* managed::xmlText(const tinyxml2::XMLNode* node) { return node && nod
 int Cmc::_mcOnXMLText(tinyxml2::XMLNode*, int, int) { return 0; }
 
 int Cmc::_mcOnCreateFromXML(tinyxml2::XMLElement* element) {
-	_mcOnUpdateFromXML(element);
+	base::callHost("Cmc::_mcOnUpdateFromXML", [&] { _mcOnUpdateFromXML(element); });
 	return 0;
 }
 
@@ -63,18 +63,27 @@ int Cmc::_mcOnUpdateFromXML(tinyxml2::XMLElement*) { return 0; }
 int Cmc::_mcOnXML(tinyxml2::XMLNode* node, int depth, int flag) {
 	if (!node) return kQorSuccess;
 	if (auto* element = node->ToElement()) {
-		const int handled = _mcOnXMLElement(element, depth, flag);
+		const int handled =
+		    base::callHost("Cmc::_mcOnXMLElement", [&] { return _mcOnXMLElement(element, depth, flag); });
 		if (handled) return handled == kQorFailure ? kQorFailure : kQorSuccess;
-	} else if (node->ToText() && _mcOnXMLText(node, depth, flag)) {
+	} else if (node->ToText() && base::callHost("Cmc::_mcOnXMLText", [&] { return _mcOnXMLText(node, depth, flag); })) {
 		return kQorSuccess;
 	}
-	return _mcDoXMLNodes(node, depth + 1, flag);
+	return doXMLNodes(node, depth + 1, flag);
+}
+
+int Cmc::onXML(tinyxml2::XMLNode* node, int depth, int flag) {
+	return base::callHost("Cmc::_mcOnXML", [&] { return _mcOnXML(node, depth, flag); });
+}
+
+int Cmc::doXMLNodes(tinyxml2::XMLNode* node, int depth, int flag) {
+	return base::callHost("Cmc::_mcDoXMLNodes", [&] { return _mcDoXMLNodes(node, depth, flag); });
 }
 
 int Cmc::_mcDoXMLNodes(tinyxml2::XMLNode* node, int depth, int flag) {
 	int result = kQorSuccess;
 	for (auto* child = node ? node->FirstChild() : nullptr; child; child = child->NextSibling())
-		if (_mcOnXML(child, depth, flag) == kQorFailure) result = kQorFailure;
+		if (onXML(child, depth, flag) == kQorFailure) result = kQorFailure;
 	return result;
 }
 
@@ -89,12 +98,13 @@ int Cmc::_mcOnXMLElement(tinyxml2::XMLElement* element, int depth, int flag) {
 	Cmc* found = flag ? findForUpdate(name, element->Name()) : nullptr;
 	if (!found) return createFromXML(element, name, depth, flag);
 	found->_mcModifyFlag(kFlagFromXml, 0);
-	if (found->_mcOnUpdateFromXML(element)) return 1;
-	return found->_mcDoXMLNodes(element, depth + 1, flag) == kQorFailure ? kQorFailure : 1;
+	if (base::callHost("Cmc::_mcOnUpdateFromXML", [&] { return found->_mcOnUpdateFromXML(element); })) return 1;
+	return found->doXMLNodes(element, depth + 1, flag) == kQorFailure ? kQorFailure : 1;
 }
 
 Cmc* Cmc::findForUpdate(const char* name, const char* type) const {
 	if (Cmc* child = _mcGetChildByNameAndType(name, type)) return child;
+	if (mBranches == 0 && !mHasAttached && !mHasCopiedList) return nullptr; // nothing stands deeper
 	for (int i = 0; i < mChildCount; ++i)
 		if (Cmc* found = mChildren[i]->_mcFindByNameAndType(name, type, 0)) return found;
 	return nullptr;
@@ -108,16 +118,18 @@ int Cmc::createFromXML(tinyxml2::XMLElement* element, const char* name, int dept
 		return 0;
 	}
 	Cmc* child = nullptr;
-	if (record->mFunction(kClassCommandNew, 0, 0, &child, nullptr) != kQorSuccess || !child) return kQorFailure;
-	child->setname(name);
+	const int made =
+	    base::callHost("class function", [&] { return record->mFunction(kClassCommandNew, 0, 0, &child, nullptr); });
+	if (made != kQorSuccess || !child) return kQorFailure;
+	base::callHost("Cmc::setname", [&] { child->setname(name); });
 	if (child->_mcSetParent(this) != kQorSuccess) {
 		child->_mcDestroy();
 		delete child;
 		return kQorFailure;
 	}
 	child->_mcModifyFlag(kFlagFromXml, 0);
-	if (child->_mcOnCreateFromXML(element)) return 1;
-	return child->_mcDoXMLNodes(element, depth + 1, flag) == kQorFailure ? kQorFailure : 1;
+	if (base::callHost("Cmc::_mcOnCreateFromXML", [&] { return child->_mcOnCreateFromXML(element); })) return 1;
+	return child->doXMLNodes(element, depth + 1, flag) == kQorFailure ? kQorFailure : 1;
 }
 
 /// `text` has room for the end mark behind its `length` characters.
@@ -130,7 +142,7 @@ int Cmc::loadFromXMLText(char* text, std::size_t length, int flag) {
 		auto* mark = document.LastChildElement();
 		if (!mark || mark != document.LastChild() || std::strcmp(mark->Name(), kEndMarkName) != 0) return kQorFailure;
 		document.DeleteChild(mark);
-		return _mcOnXML(&document, 0, flag);
+		return onXML(&document, 0, flag);
 	} catch (const std::bad_alloc&) { // the XML library's way to say so
 		return kQorFailure;
 	}

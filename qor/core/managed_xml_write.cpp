@@ -2,7 +2,7 @@
 #include "../base/mem_file.h"
 #include "../platform/file.h"
 #include "../platform/format.h"
-#include "managed_object.h"
+#include "managed_object_internal.h"
 #include "managed_xml.h"
 #include "managed_xml_internal.h"
 
@@ -85,13 +85,19 @@ int Cmc::_mcSaveChildsToXML(CstMemFile* memfile, int depth) {
 
 /// `nesting` counts the levels written, whatever depth the first one is indented for.
 int Cmc::writeXML(CstMemFile* memfile, int depth, int nesting) {
-	const char* type = gettype();
-	if (nesting > core::kMaximumXmlNesting || !isXmlName(type)) return kQorFailure;
+	const char* type = core::typeOf(*this);
+	const char* name = core::nameOf(*this);
+	if (nesting > core::kMaximumXmlNesting) {
+		_mclog(3, "XML text not written: the tree has more than %d levels, which could not be read back",
+		    core::kMaximumXmlNesting);
+		return kQorFailure;
+	}
+	if (!isXmlName(type)) return kQorFailure;
 	if (!putIndent(memfile, depth) || !put(memfile, "<") || !put(memfile, type) || !put(memfile, " "))
 		return kQorFailure;
-	if (*getname() && managed::writeXmlAttribute(memfile, core::kXmlNameAttribute, getname()) != kQorSuccess)
+	if (*name && managed::writeXmlAttribute(memfile, core::kXmlNameAttribute, name) != kQorSuccess) return kQorFailure;
+	if (base::callHost("Cmc::_mcOnXMLWritePars", [&] { return _mcOnXMLWritePars(memfile); }) == kQorFailure)
 		return kQorFailure;
-	if (_mcOnXMLWritePars(memfile) == kQorFailure) return kQorFailure;
 	if (!_mcHasChilds()) return statusOf(put(memfile, " />\r\n"));
 	if (!put(memfile, " >\r\n") || writeChildrenXML(memfile, std::max(depth, 0) + 1, nesting + 1) != kQorSuccess)
 		return kQorFailure;
@@ -99,8 +105,11 @@ int Cmc::writeXML(CstMemFile* memfile, int depth, int nesting) {
 }
 
 int Cmc::writeChildrenXML(CstMemFile* memfile, int depth, int nesting) {
-	for (int i = 0; i < mChildCount; ++i)
-		if (mChildren[i]->writeXML(memfile, depth, nesting) != kQorSuccess) return kQorFailure;
+	core::ManagedWalk walk;
+	walk.enter(this);
+	walk.open();
+	while (Cmc* child = walk.next())
+		if (child->writeXML(memfile, depth, nesting) != kQorSuccess) return kQorFailure;
 	return kQorSuccess;
 }
 

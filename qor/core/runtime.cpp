@@ -8,6 +8,7 @@
 #include "../platform/number.h"
 #include "../platform/profile.h"
 #include "log_internal.h"
+#include "visible_text_internal.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -16,8 +17,8 @@
 namespace {
 
 constexpr size_t kPathSize = 4096;
-constexpr size_t kSpeedTextSize = 261; // 260 characters
-constexpr size_t kLogPathSize = 513;   // 512 characters
+constexpr size_t kSpeedTextSize = 261;  // 260 characters
+constexpr size_t kMaximumLogPath = 512; // characters
 constexpr size_t kReportTextSize = 261;
 constexpr char kDefaultConfigFile[] = "stapp_config.cfg";
 
@@ -34,14 +35,14 @@ static_assert(sizeof(kReportTitle) == 19 + 101 + sizeof("\r\n"));
 
 char configFile[kPathSize];
 
-/// Copies a path into the runtime's buffer, which it may come from itself.
-void setConfigFile(const char* path) {
+/// Copies a path into the runtime's buffer, which it may come from itself; empties it for null.
+/// @return false, the buffer empty, for one that does not fit: cut, it would name another file.
+bool setConfigFile(const char* path) {
 	const size_t length = path ? std::strlen(path) : 0;
-	if (length == 0 || length >= kPathSize) {
-		configFile[0] = 0;
-		return;
-	}
-	std::memmove(configFile, path, length + 1);
+	const bool fits = length < kPathSize;
+	if (fits && path) std::memmove(configFile, path, length);
+	configFile[fits ? length : 0] = 0;
+	return fits;
 }
 
 /// The configuration file's path with the extension "LOG" instead of its own.
@@ -58,6 +59,19 @@ double readProcessorSpeed() {
 	char text[kSpeedTextSize] = "";
 	platform::profileGetString("MAIN", "processor_speed", "", text, sizeof text, configFile);
 	return text[0] ? platform::parseDecimal(text) : 0.0;
+}
+
+/// Finds the name of the log file. @return false, the name empty, for a setting that is too long: its
+/// beginning would be the name of another file.
+bool findLogFile(char* out, size_t size) {
+	out[0] = 0;
+	if (configFile[0] &&
+	    platform::profileGetString("MAIN", "log_file", "", out, kMaximumLogPath + 2, configFile) > kMaximumLogPath) {
+		out[0] = 0;
+		return false;
+	}
+	if (!out[0]) deriveLogFile(out, size);
+	return true;
 }
 
 /// `event` is "Started" or "Finished".
@@ -87,23 +101,21 @@ using TextSource = size_t (*)(char* out, size_t size);
 void reportText(const char* label, TextSource source) {
 	char text[kReportTextSize];
 	source(text, sizeof text);
-	appmsg("   %s %s", label, text);
+	appmsg("   %s %s", label, core::VisibleText(text).get());
 }
 
 } // namespace
 
 int appInit(const char* configFilePath) {
 	const platform::LocalTime time = platform::localTime();
-	setConfigFile(configFilePath);
-	double speed = 0.0;
 	char logFile[kPathSize + sizeof(".LOG")] = "";
-	if (configFile[0]) {
-		speed = readProcessorSpeed();
-		platform::profileGetString("MAIN", "log_file", "", logFile, kLogPathSize, configFile);
-	}
-	if (!logFile[0]) deriveLogFile(logFile, sizeof logFile);
+	const bool known = setConfigFile(configFilePath);
+	const bool named = known && findLogFile(logFile, sizeof logFile);
+	const double speed = configFile[0] ? readProcessorSpeed() : 0.0;
 	const double ticksPerSecond = speed == 0.0 ? platform::counterFrequency() : speed * 1e9;
 	start(logFile, platform::kShareRead, ticksPerSecond, time);
+	if (!known) appmsg("[ERROR] the path of the configuration file is too long: no settings and no log file");
+	if (known && !named) appmsg("[ERROR] \"log_file\" has more than %zu characters: no log file", kMaximumLogPath);
 	return 1;
 }
 

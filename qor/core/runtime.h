@@ -13,16 +13,25 @@
 /// no file. Any thread may log at any time. Start-up, shut-down and the settings (windows,
 /// callback, memory list switch) belong to one thread; logging threads may run meanwhile.
 ///
+/// What a host's function may do, everywhere in the library: it must not throw. An exception
+/// that leaves a callback, a handler or another function that the library calls ends the process
+/// (`abort`): nobody could tell whose work it interrupted, and a recording that went on beside it
+/// would be a guess. A last line in the log file, and on the standard error output, says which
+/// function it was and what was thrown. A callback and its context are exchanged together, and a
+/// call that had begun may end with the old pair.
+///
 /// A line is cut at 8,191 characters including its time column. Texts are in the system's
 /// ANSI code page and are never converted. Null texts count as empty.
 
 /// Starts the runtime from an initialisation file; the file need not exist.
 ///
-/// Section "MAIN" gives "processor_speed" (counter ticks per nanosecond; absent or 0: the
-/// counter's own frequency) and "log_file" (absent: `configFile` with the extension "LOG").
+/// Section "MAIN" gives "processor_speed" (counter ticks per nanosecond, with a decimal point in
+/// every locale; absent or 0: the counter's own frequency) and "log_file" (at most 512 characters;
+/// absent: `configFile` with the extension "LOG"). A longer "log_file" is not cut: there is no log
+/// file then, and a line says so.
 /// An existing log file is emptied; others may read it meanwhile. A second call re-reads
 /// the settings, restarts the time column at 0 and writes a new banner into the same file.
-/// @param configFile copied; one that does not fit into 4,095 characters counts as empty.
+/// @param configFile copied; one of more than 4,095 characters counts as empty, and there is no log file.
 /// @return always 1, also when the log file cannot be made: lines then go everywhere else.
 QOR_API int appInit(const char* configFile);
 
@@ -61,9 +70,11 @@ QOR_API char* appGetConfigFile();
 QOR_API int appAddLogWnd(HWND window);
 
 /// Replaces the callback that receives every line (its result is ignored); an empty
-/// function removes it. It runs on the logging thread under the log lock. It may log
-/// itself: such lines reach it again, eight levels deep at most, beyond that only the
-/// other receivers. What it throws is dropped.
+/// function removes it; a call of the old one may still be running when this returns. It runs on
+/// the logging thread, under the log lock, which keeps the receivers in one order: while it runs,
+/// lines of other threads (of objects, too) wait 100 ms and then go past it, so it may wait for a
+/// thread that logs. It may log itself: such lines reach it again, eight levels deep at most,
+/// beyond that only the other receivers.
 QOR_API void appLogSetFunc(std::function<bool(const char*)> function);
 
 /// Switches the memory list on or off. Switching off keeps the lines stored so far.

@@ -23,7 +23,10 @@ TEST(IniFile, ReadsAndWrites) {
 	const auto path = folder.path("x.cfg");
 	test_support::writeFile(path, "[MAIN]\r\nempty=\r\ntext=abc\xE4\r\n");
 	CstosINIFile file;
-	file.Open(path.c_str());
+	const auto before = std::filesystem::current_path();
+	std::filesystem::current_path(folder.path());
+	file.Open("x.cfg");
+	std::filesystem::current_path(before); // the file is the same
 	EXPECT_EQ(file.WriteIntValue("MAIN", "int", -7) + file.WriteDoubleValue("MAIN", "real", 1234567.0), 2);
 	EXPECT_EQ(file.WriteStringValue("MAIN", nullptr, nullptr), 0); // not the whole section
 	EXPECT_EQ(file.GetIntValue("MAIN", "int", 5), -7);

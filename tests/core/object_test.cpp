@@ -1,9 +1,11 @@
 #include "core_test.h"
+#include "qor/core/managed_object.h"
 #include "qor/core/object.h"
 
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <thread>
 
 namespace {
 
@@ -138,6 +140,11 @@ TEST(Object, LogLines) {
 	});
 	object.log("outer");
 	EXPECT_EQ(seen, "nested> again> outer");
+	appLogSetFunc([&](const char* text) { // one that waits for a thread that logs
+		const auto logs = [&] { object.log("thread"), Cmc()._mclog("thread"); };
+		return std::strstr(text, "outer") && (std::thread(logs).join(), true);
+	});
+	object.log("outer"), Cmc()._mclog("outer");
 }
 
 struct TreeBuffer : testing::Test {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <regex>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -71,6 +72,33 @@ TEST_F(Runtime, LogFileName) {
 	appUinit();
 	appRawInit(nullptr, 0);
 	EXPECT_TRUE(fs::exists("output.log"));
+}
+
+TEST_F(Runtime, NoLogUnderAnotherNameWhereTheNameIsTooLong) {
+	std::string settings = "[MAIN]\nlog_file=";
+	for (int i = 0; i < 253; ++i) settings += "./";
+	const std::pair<std::string, const char*> cases[] = {
+	    {"a.cfg", "513.log"}, {"b.cfg", "512.lo"}, {std::string(4096, 'c'), ""}};
+	for (const auto& [path, name] : cases) {
+		if (*name) writeFile(path, settings + name + "\n");
+		appInit(path.c_str());
+		const bool refused = mLog.lines.back().find("[ERROR]") != std::string::npos;
+		EXPECT_EQ(refused, path != "b.cfg");
+		appUinit();
+	}
+	EXPECT_EQ(std::distance(fs::directory_iterator("."), {}), 3); // the settings, and the log of 512 characters
+}
+
+TEST_F(Runtime, WhatACallbackThrowsIsTheLastLineInTheFile) {
+	const std::string path = (fs::temp_directory_path() / "qor_last_line.log").string();
+	const auto thrown = [&] {
+		appRawInit(path.c_str(), 0);
+		appLogSetFunc([](const char*) -> bool { throw std::runtime_error("no disk"); });
+		appmsg("x");
+	};
+	EXPECT_DEATH(thrown(), "\\(the log's function\\): no disk; the process ends");
+	EXPECT_EQ(count(readFile(path), "(the log's function): no disk; the process ends\r\n"), 1u);
+	fs::remove(path);
 }
 
 TEST_F(Runtime, WholeFile) {
@@ -150,8 +178,7 @@ TEST_F(Runtime, ThreadsLogWhileTheLogOpensAndCloses) {
 	for (int i = 0; i < 20; ++i) {
 		appRawInit("busy.log", 0);
 		appLogActivateMemList(i % 2 == 0);
-		appLogSetFunc(
-		    [](const char*) -> bool { appmsg("nested"), throw 1; }); // neither recurses without end nor ends us
+		appLogSetFunc([](const char*) -> bool { return appmsg("nested"), true; }); // does not recurse without end
 		for (const int enough = logged + 100; logged < enough;) appLogGetMemListItem(0);
 		appUinit();
 	}

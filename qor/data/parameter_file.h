@@ -47,10 +47,12 @@ public:
 	/// Calls `callback` for every section but the root, in the order of the opening tags; the sections
 	/// in the root have depth 0. The results of the callbacks do not stop the walk.
 	///
-	/// A callback may look up and may add sections and variables; sections added behind the place of
-	/// the walk are visited. It must not destroy the document object. The walk stops when a callback destroys a
-	/// section that the visited one lies in, at any depth: by `Destroy`, or by closing or reopening the document.
-	/// Nothing else stops it; the visited section itself and sections beside it may be destroyed.
+	/// A callback may do anything on its thread: look up, walk, add sections and variables, destroy any of them,
+	/// close, reopen and destroy the document. Sections added behind the place of the walk are visited. The walk
+	/// stops when a callback destroys a section that the visited one lies in, at any depth, and with it when it
+	/// closes, reopens or destroys the document; nothing behind the callback is touched then. Nothing else stops
+	/// it; the visited section itself and sections beside it may be destroyed. An exception that leaves a
+	/// callback ends the process with a last log line.
 	/// @return 0, also without a callback; 0x10000000 when the walk was stopped.
 	int CallBackTree(CqorBXML_SectionCallBack callback);
 	/// The same for all sections below `section`, those directly in it with the given depth.

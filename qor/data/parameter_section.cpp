@@ -98,12 +98,11 @@ CqorBXML_Section* CqorBXML_Section::nextBelow(const CqorBXML_Section* top) {
 }
 
 int CqorBXML_Section::walk(CqorBXML* document, int depth, CqorBXML_SectionCallBack callback) {
-	const int above = mDepth + 1;
 	for (auto* at = nextBelow(this); at; at = at->nextBelow(this)) {
 		const Walk walk(at);
-		const int here = depth + at->mDepth - above;
+		const int here = depth + at->mDepth - mDepth - 1; // looked at afresh: the tree may be added to another
 		base::callHost("CqorBXML section", [&] { callback(document, at, here); });
-		if (!walk.at) return kQorFailure; // `at` is gone, this section may be
+		if (!walk.at) return kQorFailure; // `at` is gone; this section and the document may be
 	}
 	return kQorSuccess;
 }

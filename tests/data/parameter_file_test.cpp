@@ -162,7 +162,12 @@ std::string walked; // the types and depths that the callback was called for
 int note(CqorBXML* document, CqorBXML_Section* section, int depth) {
 	walked += section->mType + std::to_string(depth) + " ";
 	if (section->IsType("free")) document->FindSection("h")->Destroy();
-	if (section->IsType("stop")) section->mParent->Destroy();
+	if (section->IsType("stop"))
+		section->mParent->Destroy();
+	else if (section->IsType("reopen"))
+		document->OpenFromBuffer("<y>", 3, note);
+	else if (section->IsType("delete"))
+		delete document;
 	return kFailure; // without effect
 }
 
@@ -182,7 +187,10 @@ TEST(ParameterFile, Walks) {
 	document.mRoot.AddSection(added);
 	EXPECT_EQ(document.CallBackSection(&document, document.FindSection("z"), 5, note), kFailure);
 	EXPECT_EQ(document.CallBackTree(note), 0); // what is destroyed lies beside the visited section
-	EXPECT_EQ(walked, "b7 c8 b7 a0 b1 c2 b1 stop0 x0 x0 a0 stop0 stop5 free0 0 0 ");
+	EXPECT_EQ(document.OpenFromBuffer("<reopen></reopen><z>", 20, note), 0); // which ends with the document it opened
+	EXPECT_TRUE(document.FindSection("y") && !document.FindSection("z"));
+	EXPECT_EQ((new CqorBXML)->OpenFromBuffer("<delete></delete><z>", 20, note), 0);
+	EXPECT_EQ(walked, "b7 c8 b7 a0 b1 c2 b1 stop0 x0 x0 a0 stop0 stop5 free0 0 0 reopen0 y0 delete0 ");
 }
 
 TEST(ParameterFile, Opens) {

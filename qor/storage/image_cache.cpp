@@ -26,6 +26,13 @@ CqorICachePage::CqorICachePage() { settype(kPageType); }
 
 CqorICachePage::~CqorICachePage() { freeMemory(); }
 
+CqorICachePageMan* CqorICachePage::GetManager() const { return mManager; }
+uint64_t CqorICachePage::GetSize() const { return mSize.load(std::memory_order_relaxed); }
+void* CqorICachePage::GetMemory() const { return mMemory; }
+uint64_t CqorICachePage::GetUsedBytes() const { return mUsedBytes.load(std::memory_order_relaxed); }
+void CqorICachePage::SetUsedBytes(uint64_t bytes) { mUsedBytes.store(bytes, std::memory_order_relaxed); }
+uint64_t CqorICachePage::GetBorrower() const { return mBorrower.load(std::memory_order_relaxed); }
+
 int CqorICachePage::Create(CqorICachePageMan* manager, uint64_t size) {
 	Destroy();
 	void* memory = manager && size > 0 ? CqorICachePageMan::AllocMem(size) : nullptr;
@@ -56,23 +63,35 @@ void CqorICachePage::freeMemory() {
 /// A scope inside the manager mutex.
 class CqorICachePageMan::Section {
 public:
-	explicit Section(CqorICachePageMan& manager) : mManager(manager) {
-		const uint32_t self = platform::threadId();
-		if (manager.mHolder.load(std::memory_order_relaxed) != self) {
-			threads::lockWord(manager.mWord);
-			manager.mHolder.store(self, std::memory_order_relaxed);
-		}
-		++manager.mDepth;
+	explicit Section(CqorICachePageMan& manager) : mManager(manager) { enter(); }
+	~Section() { leave(); }
+	Section(const Section&) = delete;
+	Section& operator=(const Section&) = delete;
+
+	/// Calls out with nothing held, if this is the outermost section. Afterwards everything may
+	/// have changed.
+	template <class Function>
+	void outside(Function function) {
+		leave();
+		function();
+		enter();
 	}
-	~Section() {
+
+private:
+	void enter() {
+		const uint32_t self = platform::threadId();
+		if (mManager.mHolder.load(std::memory_order_relaxed) != self) {
+			threads::lockWord(mManager.mWord);
+			mManager.mHolder.store(self, std::memory_order_relaxed);
+		}
+		++mManager.mDepth;
+	}
+	void leave() {
 		if (--mManager.mDepth > 0) return;
 		mManager.mHolder.store(0, std::memory_order_relaxed);
 		threads::unlockWord(mManager.mWord);
 	}
-	Section(const Section&) = delete;
-	Section& operator=(const Section&) = delete;
 
-private:
 	CqorICachePageMan& mManager;
 };
 
@@ -90,7 +109,7 @@ int CqorICachePageMan::Create(uint32_t megabytes) {
 
 int CqorICachePageMan::Destroy() {
 	const Section section(*this);
-	mIndexed = false;
+	if (mIndex) mIndex->setWrong();
 	for (int32_t i = mChildCount - 1; i >= 0; --i) delete asPage(mChildren[i]);
 	return kQorSuccess;
 }
@@ -107,21 +126,20 @@ int CqorICachePageMan::FreeMem(void* memory) {
 
 /// Brings the index up to date. @return false without memory for it.
 bool CqorICachePageMan::freshen() {
-	return (mIndexed && mIndexedChanges == childChanges() && !mIndex->isSparse()) || rebuild();
+	return (mIndex && mIndex->isRightFor(childChanges()) && !mIndex->isSparse()) || rebuild();
 }
 
 bool CqorICachePageMan::rebuild() {
-	mIndexed = false;
 	if (!mIndex) mIndex = new (std::nothrow) storage::PageIndex;
 	if (!mIndex) return false;
+	mIndex->setWrong();
 	mIndex->clear();
 	if (!mIndex->reserve(static_cast<uint32_t>(mChildCount))) return false;
 	for (int32_t i = 0; CqorICachePage* page = nextPage(&i);) {
 		page->mPlace = mIndex->append(page, page->GetSize());
 		if (page->GetBorrower() == 0) mIndex->setFree(page->mPlace);
 	}
-	mIndexed = true;
-	mIndexedChanges = childChanges();
+	mIndex->setRightFor(childChanges());
 	return true;
 }
 
@@ -161,7 +179,7 @@ CqorICachePage* CqorICachePageMan::Add(uint64_t size) {
 	}
 	page->mPlace = mIndex->append(page, size);
 	mIndex->setFree(page->mPlace);
-	mIndexedChanges = childChanges();
+	mIndex->setRightFor(childChanges());
 	return page;
 }
 
@@ -177,7 +195,7 @@ int CqorICachePageMan::Remove(CqorICachePage* page) {
 	else
 		detach(page);
 	page->noteChange(); // also where one other manager is the only one left that has it
-	mIndexedChanges = childChanges();
+	if (place != kNoPlace) mIndex->setRightFor(childChanges());
 	return kQorSuccess;
 }
 
@@ -200,7 +218,7 @@ CqorICachePage* CqorICachePageMan::Get(int index) {
 	const Section section(*this);
 	if (index < 0) return nullptr;
 	if (freshen() && mIndex->count() == mIndex->used()) return mIndex->page(static_cast<uint32_t>(index));
-	if (mIndexed && mIndex->count() == static_cast<uint32_t>(mChildCount))
+	if (mIndex && mIndex->isRightFor(childChanges()) && mIndex->count() == static_cast<uint32_t>(mChildCount))
 		return static_cast<CqorICachePage*>(getchild(index)); // all children are pages
 	CqorICachePage* page = nullptr;
 	for (int32_t child = 0; index >= 0 && (page = nextPage(&child)); --index) {
@@ -222,12 +240,12 @@ int CqorICachePageMan::GetMemStatus(eqorICACHEPAGEMAN_MEMSTATUS* status) {
 
 CqorICachePage* CqorICachePageMan::BorrowPage(uint64_t owner, uint64_t size, uint32_t flags) {
 	if (owner == 0) return nullptr;
-	const Section section(*this);
+	Section section(*this);
 	if (!freshen()) return nullptr;
 	const uint32_t place = mIndex->lendBestFit(size);
 	if (place != kNoPlace) return mark(place, owner);
 	CqorICachePage* page = flags & kGrowPages ? lendGrown(owner, size) : nullptr;
-	return page || !(flags & kDeletePages) ? page : lendNew(owner, size);
+	return page || !(flags & kDeletePages) ? page : lendNew(section, owner, size);
 }
 
 /// Gives the page to its borrower; the index has it as lent already.
@@ -243,7 +261,7 @@ CqorICachePage* CqorICachePageMan::mark(uint32_t place, uint64_t owner) {
 void CqorICachePageMan::tellOthers(CqorICachePage& page) {
 	if (page.hasOneHolder()) return;
 	page.noteChange();
-	mIndexedChanges = childChanges();
+	mIndex->setRightFor(childChanges());
 }
 
 /// Walks the free pages in child order. That is done only when one of them can be grown, which
@@ -264,14 +282,14 @@ CqorICachePage* CqorICachePageMan::lendGrown(uint64_t owner, uint64_t size) {
 	return nullptr;
 }
 
-CqorICachePage* CqorICachePageMan::lendNew(uint64_t owner, uint64_t size) {
+CqorICachePage* CqorICachePageMan::lendNew(Section& section, uint64_t owner, uint64_t size) {
 	// What is lent stays, so pages are not deleted in vain, also when the pages exceed the budget.
 	const uint64_t lent = mIndex->totalBytes() - mIndex->freeBytes();
 	const uint64_t budget = budgetBytes();
 	if (budget < lent || budget - lent < size) return nullptr;
 	while (mIndex->nextFree(0) != kNoPlace) {
-		log("Found one to delete...");
-		if (!freshen()) return nullptr; // a log callback may have used the manager
+		section.outside([this] { log("Found one to delete..."); });
+		if (!freshen()) return nullptr; // others may have used the manager meanwhile
 		const uint32_t place = mIndex->nextFree(0);
 		if (place == kNoPlace) break;
 		DeletePage(&mIndex->at(place));
@@ -291,9 +309,11 @@ void CqorICachePageMan::ReleasePage(CqorICachePage* page) {
 	if (page->GetBorrower() == 0) return;
 	const uint32_t place = placeOf(page);
 	page->mBorrower.store(0, std::memory_order_relaxed);
-	if (place != kNoPlace)
+	if (place != kNoPlace) {
 		mIndex->setFree(place);
-	else
-		mIndexed = false; // no memory for an index now
-	tellOthers(*page);
+		tellOthers(*page);
+	} else { // no memory for an index now
+		if (mIndex) mIndex->setWrong();
+		page->noteChange();
+	}
 }

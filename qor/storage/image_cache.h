@@ -30,16 +30,16 @@ public:
 	int Destroy();
 
 	/// Null while the page holds no memory.
-	CqorICachePageMan* GetManager() const { return mManager; }
+	CqorICachePageMan* GetManager() const;
 	/// Bytes.
-	uint64_t GetSize() const { return mSize.load(std::memory_order_relaxed); }
+	uint64_t GetSize() const;
 	/// Null while the page holds no memory. It may move while the page is free.
-	void* GetMemory() const { return mMemory; }
+	void* GetMemory() const;
 	/// How much of the memory its borrower says it uses, bytes; only reported, never checked.
-	uint64_t GetUsedBytes() const { return mUsedBytes.load(std::memory_order_relaxed); }
-	void SetUsedBytes(uint64_t bytes) { mUsedBytes.store(bytes, std::memory_order_relaxed); }
+	uint64_t GetUsedBytes() const;
+	void SetUsedBytes(uint64_t bytes);
 	/// The token of the owner it is lent to; 0: free.
-	uint64_t GetBorrower() const { return mBorrower.load(std::memory_order_relaxed); }
+	uint64_t GetBorrower() const;
 
 private:
 	friend class CqorICachePageMan;
@@ -87,8 +87,8 @@ struct CqorICachePageManConstants {
 /// class: it neither changes the children by other ways nor reads them, so no dispatch, save or
 /// walk over the manager or what stands above it. A page from `Get` that it has not borrowed is
 /// then only a number: a borrower with `kGrowPages` may move its memory, one with `kDeletePages`
-/// delete it. A log callback that runs within `BorrowPage` may use the manager; on other threads
-/// it must not wait for one that does.
+/// delete it. Nothing is locked while the log calls a host from within `BorrowPage`: the callback
+/// may use the manager and wait for others who do, but not destroy it.
 ///
 /// A page among the children of two managers is possible and slow: each change by one makes the
 /// other read all its pages again. Deleting moves the children behind the page, so freeing n pages
@@ -161,7 +161,7 @@ private:
 	void tellOthers(CqorICachePage& page);
 	CqorICachePage* mark(uint32_t place, uint64_t owner);
 	CqorICachePage* lendGrown(uint64_t owner, uint64_t size);
-	CqorICachePage* lendNew(uint64_t owner, uint64_t size);
+	CqorICachePage* lendNew(Section& section, uint64_t owner, uint64_t size);
 	CqorICachePage* nextPage(int32_t* child) const;
 
 	std::atomic<uint32_t> mBudget{0}; // megabytes
@@ -170,8 +170,5 @@ private:
 	std::atomic<uint32_t> mHolder{0};
 	int mDepth = 0;
 
-	// Under the mutex:
-	storage::PageIndex* mIndex = nullptr;
-	bool mIndexed = false;
-	uint32_t mIndexedChanges = 0; // childChanges() when the index was right
+	storage::PageIndex* mIndex = nullptr; // under the mutex; null while none was needed
 };

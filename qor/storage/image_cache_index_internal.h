@@ -115,6 +115,13 @@ public:
 	uint32_t used() const { return mUsed; }
 	uint64_t totalBytes() const { return mTotalBytes; }
 	uint64_t freeBytes() const { return mFreeBytes; }
+	/// Whether it is right for children that changed so often.
+	bool isRightFor(uint32_t changes) const { return mRight && mChanges == changes; }
+	void setRightFor(uint32_t changes) {
+		mRight = true;
+		mChanges = changes;
+	}
+	void setWrong() { mRight = false; }
 	/// Whether building it anew would save more than it costs.
 	bool isSparse() const { return mUsed / 2 > mCount + 32; }
 
@@ -127,6 +134,8 @@ private:
 	void clearFree(uint32_t place);
 	bool isFree(uint32_t place) const { return (mFree[place / 64] >> (place % 64) & 1) != 0; }
 
+	bool mRight = false;
+	uint32_t mChanges = 0; // of the children, when it was right
 	Entry* mEntries = nullptr;
 	uint64_t* mFree = nullptr; // a bit a place
 	uint32_t mFreeHint = 0;    // no word of mFree below this one has a bit

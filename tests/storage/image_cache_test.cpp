@@ -50,7 +50,10 @@ TEST(ImageCache, WhatLoansGrowthAndDeletionLeaveBehind) {
 	EXPECT_TRUE(
 	    manager.GetCount() == 2 && log.lines.size() == 1 && log.has("[CqorICachePageMan   ] > Found one to delete..."));
 	EXPECT_TRUE(manager.Add(kMb) && manager.Add(kMb));
-	appLogSetFunc([&](const char*) { return manager.DeletePage(manager.Get(2)) == 0; }); // the one that was found
+	appLogSetFunc([&](const char*) {
+		std::thread([&] { manager.ReleasePage(manager.BorrowPage(3, 1, 0)); }).join(); // nothing is locked meanwhile
+		return manager.DeletePage(manager.Get(2)) == 0;                                // the one that was found
+	});
 	EXPECT_NE(manager.BorrowPage(9, 7 * kMb, kDelete), nullptr);
 	EXPECT_EQ(manager.Destroy() + manager.getchildcount(), 0);
 }

@@ -4,7 +4,9 @@
 
 #include "file_back_end_internal.h"
 #include "file_stream_internal.h"
+#include "host_call_internal.h"
 #include "mem_file.h"
+#include "object_watch_internal.h"
 #include "status.h"
 
 #include <cstring>
@@ -16,24 +18,33 @@ namespace {
 constexpr size_t kTextBuffer = 1024; // bytes
 constexpr size_t kWideTextBuffer = kTextBuffer / sizeof(char16_t);
 
-enum CallBackCode : unsigned long {
-	kOpened = 1,
-	kClosed = 2,
-	kWrite = 3,
-	kRead = 4,
-	kSeek = 5,
-	kPrepareBegin = 6,
-	kPrepareEnd = 7,
-	kFinishBegin = 8,
-	kFinishEnd = 9,
-	kOpenFailed = 4096
-};
-
 void* asPointer(long long number) { return reinterpret_cast<void*>(static_cast<intptr_t>(number)); }
 
 } // namespace
 
-CstFile::~CstFile() { Close(); }
+/// An operation during which the file cannot be opened or armed anew. Outlives the file if need be.
+class CstFile::Change {
+public:
+	explicit Change(CstFile& file) : mFile(file), mWatch(file.mWatches) { ++file.mChanges; }
+	~Change() {
+		if (mWatch.alive()) --mFile.mChanges;
+	}
+	Change(const Change&) = delete;
+	Change& operator=(const Change&) = delete;
+
+private:
+	CstFile& mFile;
+	const base::ObjectWatch mWatch;
+};
+
+CstFile::CstFile() = default;
+
+CstFile::~CstFile() {
+	base::ObjectWatch::objectGone(mWatches); // operations whose callback destroys the file
+	Close();
+	mCallBack = nullptr;
+	Close(); // what the callback opened
+}
 
 unsigned long CstFile::Open(const char* path, unsigned long disposition, unsigned long access, unsigned long share) {
 	base::FileOpenRecord record;
@@ -41,69 +52,95 @@ unsigned long CstFile::Open(const char* path, unsigned long disposition, unsigne
 	record.disposition = disposition;
 	record.access = access;
 	record.share = share;
-	return openWith(&base::systemBackEnd, record);
+	return openWith(&base::systemBackEnd, record, false);
 }
 
-unsigned long CstFile::OpenReadOnly(const char* path) { return Open(path, 3, 0x80000000, 3); }
+unsigned long CstFile::OpenReadOnly(const char* path) {
+	return Open(path, kOpenExisting, kAccessRead, kShareReadWrite);
+}
 
 unsigned long CstFile::OpenDisk(const char* path) {
-	const auto result = Open(path, 3, 0xC0000000, 3);
-	mDiskFile = result == 0;
-	return result;
+	base::FileOpenRecord record;
+	record.path = path;
+	record.access = kAccessReadWrite;
+	record.share = kShareReadWrite;
+	return openWith(&base::systemBackEnd, record, true);
 }
 
 unsigned long CstFile::Create(const char* path, unsigned long access, unsigned long share) {
-	return Open(path, 2, access, share);
+	return Open(path, kCreateAlways, access, share);
 }
 
 unsigned long CstFile::OpenFromMemory(void* block, unsigned long size) {
 	base::FileOpenRecord record;
 	record.memory = block;
 	record.memorySize = size;
-	record.access = 0xC0000000;
-	record.share = 3;
-	const auto result = openWith(&base::memoryBackEnd, record);
-	if (result == 0) Seek(0, 0);
-	return result;
+	record.access = kAccessReadWrite;
+	record.share = kShareReadWrite;
+	return openWith(&base::memoryBackEnd, record, false);
 }
 
-unsigned long CstFile::openWith(CstFileBackEnd backEnd, base::FileOpenRecord& record) {
-	closeHandle();
-	mBackEnd = backEnd;
-	const auto error = backEnd(nullptr, base::kCodeOpen, 0, 0, 0, &record);
+unsigned long CstFile::openWith(CstFileBackEnd backEnd, base::FileOpenRecord& record, bool disk) {
+	if (mChanges != 0) return kFileNotOpen;
+	unsigned long error = kFileNoMemory;
+	{
+		const Change change(*this);
+		bool closed = false;
+		if (!endAll(&closed) || (closed && !notify(kCallBackClosed))) return kFileNotOpen;
+		mBackEnd = backEnd;
+		auto* opened = base::OpenedFile::make(backEnd);
+		if (opened) error = opened->open(record);
+		if (error == 0) {
+			mOpened = opened;
+			mHandle = record.handle;
+			mDiskFile = disk;
+		} else if (opened) {
+			opened->drop();
+		}
+	}
 	if (error != 0) {
-		notify(kOpenFailed, 1, asPointer(static_cast<long long>(error)));
+		notify(kCallBackOpenFailed, 1, asPointer(static_cast<long long>(error)));
 		return error;
 	}
-	mHandle = record.handle;
-	notify(kOpened);
+	// A block is gone to its start, as hosts see it; the callback may have closed or opened another.
+	if (notify(kCallBackOpened) && record.memory && mHandle == record.handle) Seek(0, kSeekBegin);
 	return 0;
 }
 
 unsigned long CstFile::Close() {
-	closeHandle();
+	bool closed = false;
+	if (endAll(&closed) && closed) notify(kCallBackClosed);
 	return 0;
 }
 
 /// Ends streaming and closes what is open.
-void CstFile::closeHandle() {
-	if (mStream) FinishStreaming();
+/// @param closed receives whether there was something.
+/// @return whether this object is still there.
+bool CstFile::endAll(bool* closed) {
+	const Change change(*this);
+	if (mStream && !finish()) return false;
+	*closed = mOpened != nullptr;
+	forgetFile();
+	return true;
+}
+
+/// What is still under way on the file keeps it open for itself.
+void CstFile::forgetFile() {
+	mHandle = nullptr;
 	mDiskFile = false;
-	if (!mHandle) return;
-	mBackEnd(std::exchange(mHandle, nullptr), base::kCodeClose, 0, 0, 0, nullptr);
-	notify(kClosed);
+	if (auto* opened = std::exchange(mOpened, nullptr)) opened->drop();
 }
 
 unsigned long CstFile::Write(const void* data, unsigned long n) {
 	if (!mHandle || (mStreamFlags & kReadStreaming)) return 0;
 	auto* bytes = const_cast<void*>(data); // one pointer serves both directions
-	notify(kWrite, n, bytes);
+	if (!notify(kCallBackWrite, n, bytes) || !mHandle || (mStreamFlags & kReadStreaming)) return 0;
 	return writeStreaming() ? mStream->write(data, n) : callBackEnd(base::kCodeWrite, n, bytes);
 }
 
 unsigned long CstFile::Read(void* buffer, unsigned long n) {
 	if (!mHandle || writeStreaming()) return 0;
-	notify(kRead, n, buffer);
+	if (!notify(kCallBackRead, n, buffer) || !mHandle || writeStreaming()) return 0;
 	return callBackEnd(base::kCodeRead, n, buffer);
 }
 
@@ -111,7 +148,7 @@ unsigned long CstFile::Seek(long offset, unsigned long origin) { return static_c
 
 long long CstFile::Seek64(long long offset, unsigned long origin) {
 	if (!mHandle) return 0;
-	notify(kSeek, origin, asPointer(offset));
+	if (!notify(kCallBackSeek, origin, asPointer(offset)) || !mHandle) return 0;
 	int64_t position = offset;
 	callBackEnd(base::kCodeSeek, origin, &position);
 	return position;
@@ -154,55 +191,66 @@ void CstFile::SetWriteStreamPackSize(unsigned long bytes) {
 	if (mStream) mStream->setPackSize(mWritePackSize);
 }
 
-void CstFile::notify(unsigned long code, unsigned long a, void* p) {
-	if (mCallBack) mCallBack(this, code, 0, a, p);
+/// @return whether this object is still there; what else it was may have changed, too.
+bool CstFile::notify(unsigned long code, unsigned long a, void* p) {
+	const auto callBack = mCallBack;
+	if (!callBack) return true;
+	const base::ObjectWatch watch(mWatches);
+	base::callHost("CstFile", [&] { callBack(this, code, 0, a, p); });
+	return watch.alive();
 }
 
-/// The open file's back end; while a writer streams, one call at a time.
+/// A file must be open.
 unsigned long CstFile::callBackEnd(unsigned long code, unsigned long b, void* p) const {
-	return mStream ? mStream->callBackEnd(code, b, p) : mBackEnd(mHandle, code, 0, b, 0, p);
+	return mOpened->call(code, b, p);
 }
 
 unsigned long CstFile::PrepareForStreaming(unsigned long bufferKiB, unsigned long count, unsigned long mode) {
-	notify(kPrepareBegin);
-	if (mStream) FinishStreaming();
-	auto* stream = new (std::nothrow) base::FileStream(this, mBackEnd, mHandle, mCallBack, mWritePackSize);
-	const bool writes = (mode & kWriteStreaming) != 0;
-	if (!stream || !stream->allocate(bufferKiB, count) || (writes && !stream->startWriter())) {
-		delete stream;
-		return kFileNoMemory;
+	if (mChanges != 0) return kFileNotOpen;
+	{
+		const Change change(*this);
+		if (!notify(kCallBackPrepareBegin) || (mStream && !finish())) return kFileNotOpen;
+		mLostBytes = 0;
+		mStream = base::FileStream::make(
+		    this, mOpened, mCallBack, mWritePackSize, bufferKiB, count, (mode & kWriteStreaming) != 0);
+		if (!mStream) return kFileNoMemory;
+		mStreamFlags = static_cast<uint32_t>(mode & (kReadStreaming | kWriteStreaming));
 	}
-	mStream = stream;
-	mStreamFlags = static_cast<uint32_t>(mode & (kReadStreaming | kWriteStreaming));
-	notify(kPrepareEnd);
+	notify(kCallBackPrepareEnd);
 	return 0;
 }
 
 unsigned long CstFile::FinishStreaming() {
-	notify(kFinishBegin);
-	const auto result = endStreaming();
-	notify(kFinishEnd);
-	return result;
+	finish();
+	return kQorSuccess;
 }
 
-unsigned long CstFile::endStreaming() {
+unsigned long long CstFile::GetLostBytes() const { return mStream ? mStream->mLostBytes.load() : mLostBytes; }
+
+/// @return whether this object is still there.
+bool CstFile::finish() { return notify(kCallBackFinishBegin) && endStreaming() && notify(kCallBackFinishEnd); }
+
+/// Takes the stream off, so that callbacks find none, and ends it. @return as `finish`.
+bool CstFile::endStreaming() {
 	auto* stream = std::exchange(mStream, nullptr);
 	const bool writes = writeStreaming();
 	mStreamFlags = 0;
-	if (!stream) return 0;
+	if (!stream) return true;
+	bool here = true;
 	if (writes) {
 		stream->next();
 		if (!stream->stopWriter()) {
-			mHandle = nullptr; // the writer closes it
-			mDiskFile = false;
-			notify(kClosed);
-			return kQorFailure;
+			mLostBytes = stream->mLostBytes + stream->unwrittenBytes();
+			stream->drop();
+			const bool wasOpen = mOpened != nullptr;
+			forgetFile(); // the writer closes it
+			return !wasOpen || notify(kCallBackClosed);
 		}
-		stream->writePending();
+		while (auto* buffer = stream->takeOldest()) here = flushHere(*stream, *buffer, here);
 	}
-	const bool complete = stream->mLostBytes == 0;
-	delete stream;
-	return complete ? kQorSuccess : kQorFailure;
+	if (here) mLostBytes = stream->mLostBytes;
+	stream->drop();
+	return here;
 }
 
 estFILE_STREAM_BUFFER* CstFile::FlushToNextBuffer() { return mStream ? mStream->next() : nullptr; }
@@ -210,7 +258,21 @@ estFILE_STREAM_BUFFER* CstFile::FlushToNextBuffer() { return mStream ? mStream->
 unsigned long CstFile::FlushBuffer(estFILE_STREAM_BUFFER* buffer) {
 	if (!mStream || !mStream->owns(buffer)) return kQorFailure;
 	if (base::FileStream::isWriters(*buffer)) return kQorSuccess;
-	return mStream->flush(*buffer) ? kQorSuccess : kQorFailure;
+	auto* stream = mStream->share(); // a callback may end it
+	flushHere(*stream, *buffer, true);
+	stream->drop();
+	return kQorSuccess;
+}
+
+/// Writes a buffer from the caller's thread.
+/// @param here whether this object is still there: nobody is told of a flush otherwise.
+/// @return the same, behind the callbacks.
+bool CstFile::flushHere(base::FileStream& stream, estFILE_STREAM_BUFFER& buffer, bool here) {
+	const uint32_t count = base::FileStream::bytesToWrite(buffer);
+	here = here && notify(kCallBackFlushBegin, count, &buffer);
+	if (here && mStream == &stream && base::FileStream::isWriters(buffer)) return true; // queued meanwhile
+	const uint32_t written = stream.writeOut(buffer, count);
+	return here && notify(kCallBackFlushEnd, written, &buffer);
 }
 
 unsigned long CstFile::ResetBuffer(estFILE_STREAM_BUFFER* buffer) {

@@ -10,15 +10,25 @@ class CstFile;
 
 namespace base {
 class FileStream;
+class ObjectWatch;
+class OpenedFile;
 struct FileOpenRecord;
 } // namespace base
 
-/// What a host learns of a file's operations. Codes: 1 opened, 2 closed, 3 write (a = bytes,
-/// p = data), 4 read (a = bytes, p = buffer), 5 seek (a = origin, p = the offset as a
-/// pointer-sized number), 6 and 7 begin and end of `PrepareForStreaming`, 8 and 9 of
-/// `FinishStreaming`, 10 and 11 of a buffer flush (a = bytes to write, then bytes written;
-/// p = buffer), 4096 open failed (a = 1, p = the error). With write streaming 10 and 11 come
-/// from the writer thread, which must not open, close or write there. The result is ignored.
+/// What a host learns of a file's operations: one of the `kCallBack...` codes of
+/// `CstFileConstants` with its `a` and `p`. The result is ignored.
+///
+/// A call may do anything with its file, its destruction included; no lock is held over it, and
+/// the operation that called goes on with what it finds. Two exceptions:
+/// - While `Open` and its kin, `Close` or `PrepareForStreaming` are under way (in their calls
+///   before the last), the file cannot be opened or armed anew: `Open` and
+///   `PrepareForStreaming` answer `kFileNotOpen` there and do nothing.
+/// - 10 and 11 come from the writer's thread while it runs. It is not the thread that uses the
+///   file, so only getters and `SetCallBack` may be called beside that. If nobody uses the file
+///   meanwhile, it may also be closed, finished or destroyed there: the writer is left to
+///   itself then, writes what is queued without further calls and closes the file.
+///   What is still queued when `FinishStreaming` has stopped the writer, and what `FlushBuffer`
+///   writes, is reported on the caller's thread.
 using CstFileCallBack = unsigned long (*)(
     CstFile* file, unsigned long code, unsigned long reserved, unsigned long a, void* p);
 
@@ -52,7 +62,56 @@ struct estFILE_STREAM {
 	platform::WaitHandle mMutex = nullptr;
 	platform::WaitHandle mSemaphore = nullptr; // counts queued buffers
 	CstmLinearArray mPending{sizeof(estFILE_STREAM_BUFFER*)};
-	std::atomic<uint64_t> mLostBytes = 0; // bytes of flushes that the file did not take
+	std::atomic<uint64_t> mLostBytes = 0; // see `CstFile::GetLostBytes`
+};
+
+/// The numbers of `CstFile` and its callback.
+struct CstFileConstants {
+	// Results.
+	static constexpr unsigned long kFileUnknownCode = 0x100003E8;
+	static constexpr unsigned long kFileNoHandle = 0x100003E9; ///< opening memory: no block
+	static constexpr unsigned long kFileNotOpen = 0x10000000;  ///< also every refusal of the system to open
+	static constexpr unsigned long kFileNoMemory = 0x100003EA; ///< also: the writer cannot be started
+
+	// Streaming modes.
+	static constexpr unsigned long kReadStreaming = 1;
+	static constexpr unsigned long kWriteStreaming = 2;
+
+	// Dispositions.
+	static constexpr unsigned long kCreateNew = 1;    ///< fails for a file that is there
+	static constexpr unsigned long kCreateAlways = 2; ///< replaces it
+	static constexpr unsigned long kOpenExisting = 3;
+	static constexpr unsigned long kOpenAlways = 4; ///< opens or makes
+	static constexpr unsigned long kTruncateExisting = 5;
+
+	static constexpr unsigned long kAccessRead = 0x80000000;
+	static constexpr unsigned long kAccessWrite = 0x40000000;
+	static constexpr unsigned long kAccessReadWrite = 0xC0000000;
+
+	// What others may open the file for meanwhile.
+	static constexpr unsigned long kShareNone = 0;
+	static constexpr unsigned long kShareRead = 1;
+	static constexpr unsigned long kShareWrite = 2;
+	static constexpr unsigned long kShareReadWrite = 3;
+
+	// Origins of seeks.
+	static constexpr unsigned long kSeekBegin = 0;
+	static constexpr unsigned long kSeekCurrent = 1;
+	static constexpr unsigned long kSeekEnd = 2;
+
+	// Codes of the callback; `a` and `p` are 0 where nothing is said.
+	static constexpr unsigned long kCallBackOpened = 1;
+	static constexpr unsigned long kCallBackClosed = 2;
+	static constexpr unsigned long kCallBackWrite = 3; ///< a: bytes, p: data
+	static constexpr unsigned long kCallBackRead = 4;  ///< a: bytes, p: buffer
+	static constexpr unsigned long kCallBackSeek = 5;  ///< a: origin, p: the offset as a pointer-sized number
+	static constexpr unsigned long kCallBackPrepareBegin = 6;
+	static constexpr unsigned long kCallBackPrepareEnd = 7;
+	static constexpr unsigned long kCallBackFinishBegin = 8;
+	static constexpr unsigned long kCallBackFinishEnd = 9;
+	static constexpr unsigned long kCallBackFlushBegin = 10;   ///< a: bytes to write, p: buffer
+	static constexpr unsigned long kCallBackFlushEnd = 11;     ///< a: bytes written, p: buffer
+	static constexpr unsigned long kCallBackOpenFailed = 4096; ///< a: 1, p: the error
 };
 
 /// A file of the operating system (or a raw volume), or a block of memory, behind one set of
@@ -60,32 +119,27 @@ struct estFILE_STREAM {
 ///
 /// Nothing throws or logs: transfers and positions answer 0 on failure, opens and streaming
 /// set-up answer 0 or one of the `kFile...` codes. One thread at a time uses a file; write
-/// streaming adds a writer thread of its own.
+/// streaming adds a writer thread of its own. A relative path counts from the folder that is
+/// current when the file is opened; only the open file is kept.
 ///
 /// **Write streaming.** `PrepareForStreaming` makes a ring of page-aligned buffers. `Write`
 /// copies into the current one and never waits for the disk; a full buffer is queued, and
 /// the writer thread writes queued buffers in order, each rounded up to a multiple of 4096
 /// bytes. `FinishStreaming` queues the last buffer, stops the writer and then writes what is
-/// still queued, so that everything accepted reaches the file.
-class QOR_API CstFile {
+/// still queued, so that everything accepted reaches the file. Sizes and positions that are
+/// asked for meanwhile are answered between two single writes (of `SetWriteStreamPackSize`
+/// bytes at most); a seek moves what the writer writes next.
+class QOR_API CstFile : public CstFileConstants {
 public:
-	static constexpr unsigned long kFileUnknownCode = 0x100003E8;
-	static constexpr unsigned long kFileNoHandle = 0x100003E9; ///< opening memory: no block
-	static constexpr unsigned long kFileNotOpen = 0x10000000;  ///< also every refusal of the system to open
-	static constexpr unsigned long kFileNoMemory = 0x100003EA; ///< also: the writer cannot be started
-
-	static constexpr unsigned long kReadStreaming = 1;
-	static constexpr unsigned long kWriteStreaming = 2;
-
-	CstFile() = default;
+	CstFile();
 	~CstFile();
 	CstFile(const CstFile&) = delete;
 	CstFile& operator=(const CstFile&) = delete;
 
 	/// Closes what is open and opens a file of the system.
-	/// @param disposition 1 new only, 2 create always, 3 open existing, 4 open always, 5 truncate existing
-	/// @param access      0x80000000 read, 0x40000000 write, or both
-	/// @param share       what others may open it for meanwhile: 1 read, 2 write, or both
+	/// @param disposition `kCreateNew` to `kTruncateExisting`
+	/// @param access      `kAccessRead`, `kAccessWrite`, or both
+	/// @param share       what others may open it for meanwhile: `kShareNone` to `kShareReadWrite`
 	/// @return 0; an error code, with nothing open.
 	unsigned long Open(const char* path, unsigned long disposition, unsigned long access, unsigned long share);
 	unsigned long OpenReadOnly(const char* path);
@@ -115,7 +169,7 @@ public:
 	/// @return bytes read; 0 when nothing is open or write streaming is active.
 	unsigned long Read(void* buffer, unsigned long n);
 
-	/// @param origin 0 begin, 1 current position, 2 end
+	/// @param origin `kSeekBegin`, `kSeekCurrent` or `kSeekEnd`
 	/// @return the new position (of `Seek` its low 32 bits); 0 on failure.
 	unsigned long Seek(long offset, unsigned long origin);
 	long long Seek64(long long offset, unsigned long origin);
@@ -137,7 +191,8 @@ public:
 	/// Null without streaming; valid until `FinishStreaming`.
 	const estFILE_STREAM* GetStreamInfo() const;
 
-	/// Null: none.
+	/// Null: none. When it returns, a call of the former function may still be running on the
+	/// writer's thread; no further one begins, but for one that the writer was about to make.
 	void SetCallBack(CstFileCallBack callBack);
 	/// The largest single write of the writer in bytes, 131072 from the start; 0 is ignored.
 	void SetWriteStreamPackSize(unsigned long bytes);
@@ -146,7 +201,8 @@ public:
 	/// to a multiple of 4096.
 	/// @param mode `kReadStreaming` (the caller uses the buffers as it likes; `Write` is
 	///        refused), `kWriteStreaming` (`Read` is refused), or both
-	/// @return 0; `kFileNoMemory`, without streaming, for no buffers, without memory or writer thread.
+	/// @return 0; `kFileNoMemory`, without streaming, for no buffers, without memory or writer
+	///         thread; `kFileNotOpen` in the calls where the callback says so.
 	unsigned long PrepareForStreaming(unsigned long bufferKiB, unsigned long count, unsigned long mode);
 	unsigned long PrepareForWriteStreaming(unsigned long bufferKiB) {
 		return PrepareForStreaming(bufferKiB, 2, kWriteStreaming);
@@ -155,9 +211,14 @@ public:
 	/// Writes what is queued and ends streaming. The writer gets 10 seconds to come back from
 	/// the write it is in. If the device does not answer for that long, the writer keeps the
 	/// open file and the buffers, finishes and closes on its own, and this file is closed.
-	/// @return 0, also without streaming; 0x10000000 when the file did not take all bytes or
-	///         the writer was left behind.
+	/// `GetLostBytes` tells whether all of it reached the file.
+	/// @return 0.
 	unsigned long FinishStreaming();
+	/// Bytes given to `Write` with streaming, or standing in flushed buffers, that did not reach the
+	/// file: a disk that did not take them, the rest of a write that found no next buffer, and
+	/// what was left to a writer that did not come back (which may still write it). A write that
+	/// was refused as a whole is not counted. Stays until the next `PrepareForStreaming`.
+	unsigned long long GetLostBytes() const;
 
 	/// Queues the current buffer and goes to the next.
 	/// @return the next buffer; null without write streaming, when all buffers are queued
@@ -165,7 +226,7 @@ public:
 	estFILE_STREAM_BUFFER* FlushToNextBuffer();
 	/// Writes a buffer of this file's stream and empties it. One that is queued or being
 	/// written is left to the writer.
-	/// @return 0; 0x10000000 for no buffer or when the file did not take all of it.
+	/// @return 0, whatever the file took of it (see `GetLostBytes`); 0x10000000 for no buffer.
 	unsigned long FlushBuffer(estFILE_STREAM_BUFFER* buffer);
 	/// Empties a buffer. @return 0; 0x10000000 for no buffer or one that is queued or being written.
 	unsigned long ResetBuffer(estFILE_STREAM_BUFFER* buffer);
@@ -179,11 +240,16 @@ public:
 	unsigned long WriteTextLine(const wchar_t* format, ...);
 
 private:
-	void notify(unsigned long code, unsigned long a = 0, void* p = nullptr);
-	unsigned long openWith(CstFileBackEnd backEnd, base::FileOpenRecord& record);
+	class Change;
+
+	bool notify(unsigned long code, unsigned long a = 0, void* p = nullptr);
+	unsigned long openWith(CstFileBackEnd backEnd, base::FileOpenRecord& record, bool disk);
 	unsigned long callBackEnd(unsigned long code, unsigned long b, void* p) const;
-	void closeHandle();
-	unsigned long endStreaming();
+	bool endAll(bool* closed);
+	void forgetFile();
+	bool finish();
+	bool endStreaming();
+	bool flushHere(base::FileStream& stream, estFILE_STREAM_BUFFER& buffer, bool here);
 	bool writeStreaming() const { return (mStreamFlags & kWriteStreaming) != 0; }
 	unsigned long writeNarrow(const char* format, va_list arguments, bool line);
 	unsigned long writeWide(const wchar_t* format, va_list arguments, bool line);
@@ -195,4 +261,9 @@ private:
 	CstFileCallBack mCallBack = nullptr;
 	uint32_t mWritePackSize = 0x20000; // bytes
 	bool mDiskFile = false;
+	base::OpenedFile* mOpened = nullptr;   // null when closed
+	base::ObjectWatch* mWatches = nullptr; // operations with a callback under way
+	int mChanges = 0;                      // of them those during which the file cannot be opened
+	unsigned long long mLostBytes = 0;     // of the last stream
+	void* mSpare[4] = {};
 };

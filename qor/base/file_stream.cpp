@@ -1,8 +1,10 @@
+#include "../platform/machine.h"
 #include "../platform/memory.h"
 #include "../platform/thread.h"
 
 #include "file_back_end_internal.h"
 #include "file_stream_internal.h"
+#include "host_call_internal.h"
 
 #include <algorithm>
 #include <climits>
@@ -35,10 +37,55 @@ void put(estFILE_STREAM_BUFFER& buffer, const unsigned char* data, uint32_t n) {
 
 } // namespace
 
+OpenedFile* OpenedFile::make(CstFileBackEnd backEnd) { return new (std::nothrow) OpenedFile(backEnd); }
+
+unsigned long OpenedFile::open(FileOpenRecord& record) {
+	const auto error = mBackEnd(nullptr, kCodeOpen, 0, 0, 0, &record);
+	if (error == 0) mHandle = record.handle;
+	return error;
+}
+
+unsigned long OpenedFile::call(unsigned long code, unsigned long b, void* p) {
+	// A single owner is the caller, so nobody else can come meanwhile.
+	if (mReferences.load(std::memory_order_acquire) == 1) return mBackEnd(mHandle, code, 0, b, 0, p);
+	const std::lock_guard one(mCall);
+	return mBackEnd(mHandle, code, 0, b, 0, p);
+}
+
+OpenedFile* OpenedFile::share() {
+	mReferences.fetch_add(1, std::memory_order_relaxed);
+	return this;
+}
+
+void OpenedFile::drop() {
+	if (mReferences.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+	if (mHandle) mBackEnd(mHandle, kCodeClose, 0, 0, 0, nullptr);
+	delete this;
+}
+
+FileStream* FileStream::make(CstFile* file, OpenedFile* opened, CstFileCallBack callBack, uint32_t packSize,
+    unsigned long bufferKiB, unsigned long count, bool writes) {
+	auto* stream = new (std::nothrow) FileStream(file, opened, callBack, packSize);
+	if (!stream) return nullptr;
+	if (stream->allocate(bufferKiB, count) && (!writes || stream->startWriter())) return stream;
+	stream->drop();
+	return nullptr;
+}
+
+FileStream* FileStream::share() {
+	mReferences.fetch_add(1, std::memory_order_relaxed);
+	return this;
+}
+
+void FileStream::drop() {
+	if (mReferences.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+}
+
 FileStream::~FileStream() {
 	for (uint32_t i = 0; i < mBufferCount; ++i) mBuffers[i].~estFILE_STREAM_BUFFER();
 	platform::release(mBuffers);
 	if (mBlock) platform::releasePages(mBlock, mBlockSize);
+	if (mOpened) mOpened->drop();
 }
 
 bool FileStream::allocate(unsigned long bufferKiB, unsigned long count) {
@@ -73,9 +120,12 @@ bool FileStream::startWriter() {
 	mCurrent = mBuffers;
 	mCurrentIndex = 0;
 	mWriterState = kRunning;
+	share(); // the writer's
 	mThread.reset(platform::startThread(&FileStream::writerThread, this));
-	if (!mThread) mWriterState = kNone;
-	return static_cast<bool>(mThread);
+	if (mThread) return true;
+	mWriterState = kNone;
+	drop();
+	return false;
 }
 
 unsigned FileStream::writerThread(void* stream) {
@@ -84,17 +134,17 @@ unsigned FileStream::writerThread(void* stream) {
 }
 
 void FileStream::runWriter() {
+	mWriterId = platform::threadId();
 	bool awake = true;
 	do {
 		awake = platform::wait(mSemaphore, platform::kInfinite) == platform::kWaitAcquired;
 		if (auto* buffer = takeOldest()) flush(*buffer);
 	} while (awake && mWriterState == kRunning);
-	// The last touch of this object, unless nobody else has it any more.
-	if (mWriterState.exchange(kEnded) != kAbandoned) return;
-	mCallBack = nullptr; // the file may be gone
-	writePending();
-	mBackEnd(mHandle, kCodeClose, 0, 0, 0, nullptr);
-	delete this;
+	if (mWriterState.exchange(kEnded) == kAbandoned) {
+		mCallBack = nullptr; // the file may be gone
+		while (auto* buffer = takeOldest()) flush(*buffer);
+	}
+	drop();
 }
 
 bool FileStream::stopWriter() {
@@ -102,13 +152,17 @@ bool FileStream::stopWriter() {
 	mWriterState.compare_exchange_strong(running, kStopRequested);
 	// The writer may have taken the last buffer before it could see the request.
 	platform::releaseSemaphore(mSemaphore, 1, nullptr);
-	if (platform::wait(mThread.get(), streamStopBudgetMs) == platform::kWaitAcquired) return true;
+	const bool itself = mWriterId == platform::threadId(); // in one of its callbacks: it cannot end meanwhile
+	if (!itself && platform::wait(mThread.get(), streamStopBudgetMs) == platform::kWaitAcquired) return true;
 	uint32_t requested = kStopRequested;
 	return !mWriterState.compare_exchange_strong(requested, kAbandoned);
 }
 
-void FileStream::writePending() {
-	while (auto* buffer = takeOldest()) flush(*buffer);
+uint64_t FileStream::unwrittenBytes() const {
+	uint64_t bytes = 0;
+	for (uint32_t i = 0; i < mBufferCount; ++i)
+		if (isWriters(mBuffers[i])) bytes += mBuffers[i].mCapacity - freeBytes(mBuffers[i]);
+	return bytes;
 }
 
 unsigned long FileStream::write(const void* data, unsigned long n) {
@@ -123,7 +177,10 @@ unsigned long FileStream::write(const void* data, unsigned long n) {
 	// Callers count on the result of a crossing write: what went to the next buffer.
 	const unsigned long rest = n - room;
 	auto* following = next();
-	if (!following || isWriters(*following) || rest > freeBytes(*following)) return 0;
+	if (!following || isWriters(*following) || rest > freeBytes(*following)) {
+		mLostBytes += rest;
+		return 0;
+	}
 	put(*following, bytes ? bytes + room : nullptr, static_cast<uint32_t>(rest));
 	return rest;
 }
@@ -157,16 +214,24 @@ estFILE_STREAM_BUFFER* FileStream::takeOldest() {
 	return buffer;
 }
 
-bool FileStream::flush(estFILE_STREAM_BUFFER& buffer) {
-	const std::lock_guard transfer(mTransfer);
-	const uint64_t used = buffer.mCapacity - freeBytes(buffer);
-	const auto count = static_cast<uint32_t>(std::min<uint64_t>(roundToBlock(used), buffer.mCapacity));
+/// On the writer's thread.
+void FileStream::flush(estFILE_STREAM_BUFFER& buffer) {
+	const uint32_t count = bytesToWrite(buffer);
 	notify(10, count, buffer);
-	const uint32_t written = writePieces(buffer.mData, count);
-	mLostBytes += count - written;
+	notify(11, writeOut(buffer, count), buffer);
+}
+
+uint32_t FileStream::bytesToWrite(const estFILE_STREAM_BUFFER& buffer) {
+	const uint64_t used = buffer.mCapacity - freeBytes(buffer);
+	return static_cast<uint32_t>(std::min<uint64_t>(roundToBlock(used), buffer.mCapacity));
+}
+
+uint32_t FileStream::writeOut(estFILE_STREAM_BUFFER& buffer, uint32_t limit) {
+	const uint32_t used = buffer.mCapacity - freeBytes(buffer);
+	const uint32_t written = writePieces(buffer.mData, std::min(limit, bytesToWrite(buffer)));
+	if (written < used) mLostBytes += used - written;
 	markFree(buffer);
-	notify(11, written, buffer);
-	return written == count;
+	return written;
 }
 
 uint32_t FileStream::writePieces(const unsigned char* data, uint32_t count) {
@@ -174,7 +239,7 @@ uint32_t FileStream::writePieces(const unsigned char* data, uint32_t count) {
 	while (done < count) {
 		const uint32_t piece = std::min(count - done, mPackSize.load());
 		auto* bytes = const_cast<unsigned char*>(data + done); // back ends take one pointer for both directions
-		const auto written = mHandle ? mBackEnd(mHandle, kCodeWrite, 0, piece, 0, bytes) : 0;
+		const auto written = mOpened ? mOpened->call(kCodeWrite, piece, bytes) : 0;
 		done += static_cast<uint32_t>(written);
 		if (written < piece) break;
 	}
@@ -198,14 +263,11 @@ bool FileStream::isWriters(const estFILE_STREAM_BUFFER& buffer) {
 	return buffer.mQueued != 0 || buffer.mBusy != 0; // in this order: busy is set before it leaves the list
 }
 
-unsigned long FileStream::callBackEnd(unsigned long code, unsigned long b, void* p) {
-	const std::lock_guard transfer(mTransfer);
-	return mBackEnd(mHandle, code, 0, b, 0, p);
-}
-
+/// Of the writer. Those on the caller's thread are the file's own.
 void FileStream::notify(unsigned long code, unsigned long a, estFILE_STREAM_BUFFER& buffer) {
 	const auto callBack = mCallBack.load();
-	if (callBack && mWriterState != kAbandoned) callBack(mFile, code, 0, a, &buffer);
+	if (!callBack || mWriterState == kAbandoned) return;
+	callHost("CstFile", [&] { callBack(mFile, code, 0, a, &buffer); });
 }
 
 } // namespace base

@@ -7,6 +7,31 @@
 
 namespace base {
 
+struct FileOpenRecord;
+
+/// An open file of a back end. The `CstFile` and the streams on it share it; the last of
+/// them closes it, so an operation under way never loses its file to a callback.
+class OpenedFile {
+public:
+	/// @return null without memory; otherwise the caller's, with nothing open yet.
+	static OpenedFile* make(CstFileBackEnd backEnd);
+
+	unsigned long open(FileOpenRecord& record);
+	/// One call of the back end. Calls of several owners come one at a time; nothing else is
+	/// ever done under that lock, so nobody waits for more than one transfer.
+	unsigned long call(unsigned long code, unsigned long b, void* p);
+	OpenedFile* share();
+	void drop();
+
+private:
+	explicit OpenedFile(CstFileBackEnd backEnd) : mBackEnd(backEnd) {}
+
+	CstFileBackEnd mBackEnd;
+	void* mHandle = nullptr; // the back end's
+	std::atomic<int> mReferences{1};
+	std::mutex mCall;
+};
+
 /// Write streaming: the ring of buffers and the thread that writes them.
 ///
 ///     caller:  write -> current buffer -> queue -+      (never waits for the disk)
@@ -21,55 +46,65 @@ namespace base {
 /// places as there are buffers, made beforehand, with a counter for each end; so the waits
 /// for the ring's mutex may be bounded, and going on without it does no harm.
 ///
-/// Locks, outer first: `mTransfer` (one transfer of the back end at a time; `write` and
-/// `next` never take it), the ring's mutex.
+/// Locks: that of the opened file around each single call of it, and the ring's mutex; never
+/// both, and none over a callback.
 ///
-/// The writer's state goes from running to stop requested to ended. A writer that does not
-/// come back from the back end in time is abandoned instead: from then on it owns this
-/// object and the handle, writes what is queued, closes and frees both.
+/// The stream is owned by its file, by the writer while that runs, and by operations that call
+/// back; it goes with the last of them. The writer's state goes from running to stop requested
+/// to ended. A writer that does not come back from the back end in time, or that is stopped
+/// from its own callback, is abandoned instead: it writes what is queued without any further
+/// callback and goes.
 class FileStream : public estFILE_STREAM {
 public:
-	FileStream(CstFile* file, CstFileBackEnd backEnd, void* handle, CstFileCallBack callBack, uint32_t packSize)
-	    : mFile(file), mBackEnd(backEnd), mHandle(handle), mCallBack(callBack), mPackSize(packSize) {}
-	~FileStream();
+	/// @param opened may be null: a stream without a file loses what is written.
+	/// @param writes starts a writer.
+	/// @return null without memory or writer, or when the sizes make no ring.
+	static FileStream* make(CstFile* file, OpenedFile* opened, CstFileCallBack callBack, uint32_t packSize,
+	    unsigned long bufferKiB, unsigned long count, bool writes);
+	FileStream* share();
+	void drop();
 
-	/// @return false without memory, or when the sizes make no ring.
-	bool allocate(unsigned long bufferKiB, unsigned long count);
-	/// @return false when the system refuses; there is no writer then.
-	bool startWriter();
-	/// @return false: abandoned, this object is no longer the caller's.
+	/// @return false: abandoned.
 	bool stopWriter();
-	/// Writes what is still queued, in order, when the writer has ended.
-	void writePending();
+	/// The next buffer to be written, when the writer has ended; null behind the last.
+	estFILE_STREAM_BUFFER* takeOldest();
+	/// Bytes in buffers that are queued or being written.
+	uint64_t unwrittenBytes() const;
 
 	unsigned long write(const void* data, unsigned long n);
 	estFILE_STREAM_BUFFER* next();
-	/// Whether all of it reached the file.
-	bool flush(estFILE_STREAM_BUFFER& buffer);
+	/// What writing the buffer takes, in whole blocks.
+	static uint32_t bytesToWrite(const estFILE_STREAM_BUFFER& buffer);
+	/// Writes at most `limit` bytes of what the buffer holds by now, and empties it. @return bytes written.
+	uint32_t writeOut(estFILE_STREAM_BUFFER& buffer, uint32_t limit);
 	bool owns(const estFILE_STREAM_BUFFER* buffer) const;
 	static bool isWriters(const estFILE_STREAM_BUFFER& buffer);
 	void markFree(estFILE_STREAM_BUFFER& buffer);
 
-	unsigned long callBackEnd(unsigned long code, unsigned long b, void* p);
 	void setCallBack(CstFileCallBack callBack) { mCallBack = callBack; }
 	void setPackSize(uint32_t bytes) { mPackSize = bytes; }
 
 private:
+	FileStream(CstFile* file, OpenedFile* opened, CstFileCallBack callBack, uint32_t packSize)
+	    : mFile(file), mOpened(opened ? opened->share() : nullptr), mCallBack(callBack), mPackSize(packSize) {}
+	~FileStream();
+	bool allocate(unsigned long bufferKiB, unsigned long count);
+	bool startWriter();
 	static unsigned writerThread(void* stream);
 	void runWriter();
-	estFILE_STREAM_BUFFER* takeOldest();
+	void flush(estFILE_STREAM_BUFFER& buffer);
 	uint32_t writePieces(const unsigned char* data, uint32_t count);
 	void notify(unsigned long code, unsigned long a, estFILE_STREAM_BUFFER& buffer);
 
-	CstFile* mFile; // only passed on to the host's callback
-	CstFileBackEnd mBackEnd;
-	void* mHandle; // the back end's; owned once abandoned
+	CstFile* mFile;      // only passed on to the host's callback
+	OpenedFile* mOpened; // may be null
 	std::atomic<CstFileCallBack> mCallBack;
 	std::atomic<uint32_t> mPackSize; // bytes
+	std::atomic<int> mReferences{1};
+	std::atomic<uint32_t> mWriterId{0}; // thread number
 	OwnedHandle mOwnedMutex;
 	OwnedHandle mOwnedSemaphore;
 	OwnedHandle mThread;
-	std::recursive_mutex mTransfer; // recursive: a callback may ask for size or position
 	// Buffers that ever left and entered the pending list.
 	std::atomic<uint64_t> mTaken = 0;
 	std::atomic<uint64_t> mQueuedTotal = 0;

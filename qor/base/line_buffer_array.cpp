@@ -8,6 +8,8 @@
 CstmRawObjLineArray::CstmRawObjLineArray(unsigned long unitSize)
     : CstmLinearArray(sizeof(LineBuffer)), mUnitSize(static_cast<uint32_t>(unitSize)) {}
 
+CstmRawObjLineArray::~CstmRawObjLineArray() { Release(); }
+
 void* CstmRawObjLineArray::insertBuffer(int index, unsigned long elements) {
 	if (elements > UINT32_MAX) return nullptr;
 	const uint64_t bytes = static_cast<uint64_t>(elements) * mUnitSize;

@@ -8,7 +8,7 @@ class QOR_API CstmRawObjLineArray : public CstmLinearArray {
 public:
 	/// @param unitSize bytes per element
 	explicit CstmRawObjLineArray(unsigned long unitSize);
-	~CstmRawObjLineArray() { Release(); }
+	~CstmRawObjLineArray();
 
 	/// Adds a buffer of `elements` elements with undefined contents at the end.
 	/// @return 0; 0x10000000, with nothing changed, without memory.

@@ -4,6 +4,17 @@
 #include <cstring>
 #include <utility>
 
+CstmLinearArray::CstmLinearArray(size_t itemSize, unsigned long flags) : CstmMemVector(flags), mItemSize(itemSize) {}
+
+CstmLinearArray::~CstmLinearArray() = default;
+
+namespace {
+
+/// Whether `count` items of `itemSize` bytes can be counted. Usual sizes need no division.
+bool canCount(size_t count, size_t itemSize) { return itemSize <= UINT32_MAX / 2 || count <= SIZE_MAX / itemSize; }
+
+} // namespace
+
 void* CstmLinearArray::laAdd(int count, int zero) {
 	if (count < 1) return mData;
 	return laInsert(mItemCount, count, zero);
@@ -14,7 +25,7 @@ void* CstmLinearArray::laInsert(int index, int count, int zero) {
 	if (count < 1) return index < mItemCount ? mData + static_cast<size_t>(index) * mItemSize : nullptr;
 	if (count > INT32_MAX - mItemCount) return nullptr;
 	const auto newCount = static_cast<size_t>(mItemCount) + static_cast<size_t>(count);
-	if (newCount > SIZE_MAX / mItemSize || !mvRealloc(newCount * mItemSize)) return nullptr;
+	if (!canCount(newCount, mItemSize) || !mvResize(newCount * mItemSize)) return nullptr;
 
 	const auto before = static_cast<size_t>(std::min(index, mItemCount)) * mItemSize;
 	const auto added = static_cast<size_t>(count) * mItemSize;
@@ -35,8 +46,10 @@ void* CstmLinearArray::laDelete(int index, int count) {
 		std::memmove(place, place + static_cast<size_t>(removed) * mItemSize, static_cast<size_t>(behind) * mItemSize);
 	}
 	mItemCount -= removed;
-	const auto size = static_cast<size_t>(mItemCount) * mItemSize;
-	if (!mvRealloc(size)) mByteSize = size; // empty, or a block that stays larger for now
+	if (mItemCount > 0)
+		mvResize(static_cast<size_t>(mItemCount) * mItemSize); // smaller, so never refused
+	else
+		mvRelease();
 	return behind > 0 ? mData + static_cast<size_t>(index) * mItemSize : nullptr;
 }
 

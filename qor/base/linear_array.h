@@ -6,15 +6,15 @@
 
 /// A packed array of items of one size, moved bit by bit.
 ///
-/// The block has exactly the size of its items: every change reallocates once, and there is
-/// never spare capacity. These arrays hold registries and lists that change rarely, where
-/// memory counts more than the cost of a change. Addresses are valid until the next change.
-/// Not locked.
+/// The size is exactly that of the items; the block behind it follows in large steps (see
+/// `CstmMemVector`), so a change costs the same however many items there are. Addresses are
+/// valid until the next change. Not locked.
 class QOR_API CstmLinearArray : public CstmMemVector {
 public:
 	/// @param itemSize bytes; an array of items of 0 bytes stays empty.
 	/// @param flags    `kAligned`, `kIndexWrapping`
-	explicit CstmLinearArray(size_t itemSize, unsigned long flags = 0) : CstmMemVector(flags), mItemSize(itemSize) {}
+	explicit CstmLinearArray(size_t itemSize, unsigned long flags = 0);
+	~CstmLinearArray();
 
 	/// Appends `count` items, cleared when `zero` is not 0 and undefined otherwise.
 	/// @return the first new item; for a count below 1 the data as they are; null, with
@@ -25,8 +25,7 @@ public:
 	/// @return as `laAdd`, null also for a negative index; for a count below 1 the item at `index`.
 	void* laInsert(int index, int count, int zero = 0);
 
-	/// Removes up to `count` items. Deleting never fails: a block that cannot be made
-	/// smaller stays as it is until the next change. Without items there is no block;
+	/// Removes up to `count` items. Deleting never fails. Without items there is no block;
 	/// item size and flags stay, so that the array can be used again.
 	/// @return the item that now has the index; null when there is none.
 	void* laDelete(int index, int count);

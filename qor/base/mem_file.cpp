@@ -16,7 +16,18 @@ constexpr size_t kWideTextBuffer = kTextBuffer / sizeof(char16_t);
 /// A position below 0 reads as a large unsigned number; this gives it back its sign.
 int64_t signedPosition(uint32_t position) { return static_cast<int32_t>(position); }
 
+constexpr uint64_t kWorthAnother = 65536; // refused room behind the contents that another try does without
+
+/// The capacity a growing block of our own gets.
+uint64_t roomBehind(uint64_t capacity) {
+	constexpr uint64_t kSmallest = 256, kDoubled = 4096;
+	return std::min<uint64_t>(
+	    INT32_MAX, std::max(kSmallest, capacity + (capacity < kDoubled ? capacity : capacity / 2)));
+}
+
 } // namespace
+
+CstMemFile::CstMemFile() = default;
 
 CstMemFile::~CstMemFile() {
 	Close();
@@ -50,6 +61,7 @@ void CstMemFile::start(unsigned char* data, unsigned long size, bool borrowed) {
 	mSize = static_cast<int32_t>(size);
 	mPosition = 0;
 	mBorrowed = borrowed ? 1 : 0;
+	mCapacity = mBorrowed ? 0 : static_cast<uint32_t>(size);
 }
 
 unsigned long CstMemFile::Seek(long offset, unsigned long origin) {
@@ -100,12 +112,18 @@ unsigned long CstMemFile::WriteAt(const void* source, unsigned long count, unsig
 	return writeFrom(static_cast<uint32_t>(start), source, count, where);
 }
 
-/// Reallocates to exactly `size` bytes.
+/// Makes the contents `size` bytes long, with room behind them in a block of our own.
 bool CstMemFile::grow(uint64_t size) {
 	if (size > INT32_MAX) return false;
-	auto* data = static_cast<unsigned char*>(platform::reallocate(mData, static_cast<size_t>(size)));
-	if (!data) return false;
-	mData = data;
+	if (size > mCapacity) { // always for a caller's buffer, which is reallocated exactly
+		uint64_t capacity = mBorrowed ? size : std::max(size, roomBehind(mCapacity));
+		void* data = platform::reallocate(mData, static_cast<size_t>(capacity));
+		if (!data && capacity - size >= kWorthAnother)
+			data = platform::reallocate(mData, static_cast<size_t>(capacity = size));
+		if (!data) return false;
+		mData = static_cast<unsigned char*>(data);
+		mCapacity = mBorrowed ? 0 : static_cast<uint32_t>(capacity);
+	}
 	mSize = static_cast<int32_t>(size);
 	return true;
 }

@@ -7,15 +7,16 @@
 
 /// A file in memory: bytes with one read and write position.
 ///
-/// It owns a heap block that grows exactly as far as writes reach, or works over a caller's
-/// buffer. All sizes and positions are 32-bit; growth past 2147483647 bytes is refused. A
+/// It owns a heap block, or works over a caller's buffer. The contents grow exactly as far as
+/// writes reach; the owned block behind them may be larger by half (small ones by as much
+/// again), a caller's buffer never is. All sizes and positions are 32-bit; growth past 2147483647 bytes is refused. A
 /// failed call leaves contents and position as they were. One thread at a time.
 ///
 /// A seek from the start is limited by the size only, so a negative offset gives a position
 /// below 0, reported in 32 bits (-5 is 0xFFFFFFFB). Nothing is read or written there.
 class QOR_API CstMemFile {
 public:
-	CstMemFile() = default;
+	CstMemFile();
 	~CstMemFile();
 	CstMemFile(const CstMemFile&) = delete;
 	CstMemFile& operator=(const CstMemFile&) = delete;
@@ -86,6 +87,7 @@ private:
 	unsigned char* mData = nullptr;
 	int32_t mSize = 0;
 	uint32_t mPosition = 0;
-	int32_t mBorrowed = 0; // 1: the data belong to the caller
-	char* mText = nullptr; // made by the first text
+	int32_t mBorrowed = 0;  // 1: the data belong to the caller
+	uint32_t mCapacity = 0; // bytes of an owned block
+	char* mText = nullptr;  // made by the first text
 };

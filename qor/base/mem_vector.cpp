@@ -24,7 +24,21 @@ unsigned char* dataOf(void* raw, uint32_t flags) {
 /// No block is larger, so the reserve can be added and pointers subtracted.
 constexpr size_t kLargestBlock = SIZE_MAX / 2 - kAlignmentReserve;
 
+constexpr uint64_t kShrinkAt = 4;         // a size below this part of the block makes it smaller
+constexpr uint64_t kSmallest = 64;        // bytes of a block that has grown
+constexpr uint64_t kWorthAnother = 65536; // refused room behind the contents that another try does without
+
+/// The capacity a growing block gets, so that growing by small steps costs the same each.
+uint64_t roomBehind(uint64_t capacity) {
+	constexpr uint64_t kDoubled = 4096;
+	return std::max(kSmallest, capacity + (capacity < kDoubled ? capacity : capacity / 2));
+}
+
 } // namespace
+
+CstmMemVector::CstmMemVector(unsigned long flags) : mFlags(static_cast<uint32_t>(flags)) {}
+
+CstmMemVector::~CstmMemVector() { mvRelease(); }
 
 void* CstmMemVector::mvAlloc(size_t size) {
 	if (size > kLargestBlock) return nullptr;
@@ -37,24 +51,43 @@ void* CstmMemVector::mvAlloc(size_t size) {
 	mvRelease();
 	mRawBlock = raw;
 	mData = dataOf(raw, mFlags);
-	mByteSize = size;
+	mCapacity = mByteSize = size;
 	return mData;
 }
 
 void* CstmMemVector::mvRealloc(size_t size) {
 	if (!mRawBlock || size == 0) return mvAlloc(size);
-	if (size > kLargestBlock) return nullptr;
+	return mvResize(size);
+}
+
+void* CstmMemVector::mvResize(size_t size) {
+	if (size > mCapacity) {
+		if (!mRawBlock) return mvAlloc(size);
+		if (size > kLargestBlock) return nullptr;
+		const uint64_t wanted = std::max<uint64_t>(size, roomBehind(mCapacity));
+		if (!moveTo(wanted) && (wanted - size < kWorthAnother || !moveTo(size))) return nullptr;
+	} else if (size < mCapacity / kShrinkAt && mCapacity > kSmallest) {
+		moveTo(std::max<uint64_t>(size * 2, kSmallest)); // a refusal only leaves the block as large as it is
+	}
+	mByteSize = size;
+	return mData;
+}
+
+/// Changes the block; the contents stay up to the smaller of size and capacity.
+/// @return false, with nothing changed, without memory.
+bool CstmMemVector::moveTo(uint64_t capacity) {
+	if (capacity > kLargestBlock) return false;
 	const auto oldDistance = mData - static_cast<unsigned char*>(mRawBlock);
-	void* raw = platform::reallocate(mRawBlock, size + reserveOf(mFlags));
-	if (!raw) return nullptr;
+	void* raw = platform::reallocate(mRawBlock, static_cast<size_t>(capacity) + reserveOf(mFlags));
+	if (!raw) return false;
 	// The allocator kept the distance from the start of the raw block, the boundary may not.
 	auto* data = dataOf(raw, mFlags);
 	auto* contents = static_cast<unsigned char*>(raw) + oldDistance;
-	if (data != contents) std::memmove(data, contents, std::min<uint64_t>(size, mByteSize));
+	if (data != contents) std::memmove(data, contents, static_cast<size_t>(std::min(capacity, mByteSize)));
 	mRawBlock = raw;
 	mData = data;
-	mByteSize = size;
-	return mData;
+	mCapacity = capacity;
+	return true;
 }
 
 int CstmMemVector::mvLocalMemMove(size_t destination, size_t source, size_t count) {
@@ -77,6 +110,7 @@ void CstmMemVector::mvRelease() {
 	mRawBlock = nullptr;
 	mData = nullptr;
 	mByteSize = 0;
+	mCapacity = 0;
 }
 
 void CstmMemVector::mvSwap(CstmMemVector& other) {
@@ -84,6 +118,7 @@ void CstmMemVector::mvSwap(CstmMemVector& other) {
 	std::swap(mRawBlock, other.mRawBlock);
 	std::swap(mData, other.mData);
 	std::swap(mByteSize, other.mByteSize);
+	std::swap(mCapacity, other.mCapacity);
 }
 
 void* stVirtualAlloc(size_t size, void* address, unsigned long allocationType, unsigned long protection) {

@@ -5,17 +5,25 @@
 #include <cstddef>
 #include <cstdint>
 
+/// The flags of `CstmMemVector` and the arrays. Constants of exported classes stand in records
+/// like this one, which are not exported: so they can be bound by reference on every system.
+struct CstmMemVectorConstants {
+	static constexpr unsigned long kAligned = 1;        ///< the data start at a multiple of 32
+	static constexpr unsigned long kIndexWrapping = 16; ///< read by the arrays: an index past the end wraps
+};
+
 /// One resizable block of the heap, optionally starting at a multiple of 32.
 ///
 /// A failed allocation leaves the block and its contents as they were. Not locked: one
 /// thread at a time. The containers below build on it and keep the block to themselves.
-class QOR_API CstmMemVector {
+///
+/// The size is exact. The block behind it may be larger once it has grown, by half at most
+/// (small ones by as much again), so that a change does not copy the contents each time; when
+/// the size falls below a quarter of the block, the block follows.
+class QOR_API CstmMemVector : public CstmMemVectorConstants {
 public:
-	static constexpr unsigned long kAligned = 1;        ///< the data start at a multiple of 32
-	static constexpr unsigned long kIndexWrapping = 16; ///< read by the arrays: an index past the end wraps
-
-	explicit CstmMemVector(unsigned long flags = 0) : mFlags(static_cast<uint32_t>(flags)) {}
-	~CstmMemVector() { mvRelease(); }
+	explicit CstmMemVector(unsigned long flags = 0);
+	~CstmMemVector();
 	CstmMemVector(const CstmMemVector&) = delete;
 	CstmMemVector& operator=(const CstmMemVector&) = delete;
 
@@ -41,12 +49,19 @@ public:
 
 protected:
 	void mvRelease();
+	/// Sets a size above 0 and moves the block where it has to. @return as `mvRealloc`.
+	void* mvResize(size_t size);
 	void mvSwap(CstmMemVector& other);
 
 	uint32_t mFlags;
 	void* mRawBlock = nullptr;      // what the allocator gave
 	unsigned char* mData = nullptr; // the raw block, or the first multiple of 32 in it
 	uint64_t mByteSize = 0;
+
+private:
+	bool moveTo(uint64_t capacity);
+
+	uint64_t mCapacity = 0; // bytes from mData on that are ours
 };
 
 /// Virtual memory of the system, with the numbers of its Windows contract: commit 0x1000,

@@ -9,6 +9,8 @@ CstmPersistentLinearArray::CstmPersistentLinearArray(unsigned long elementSize)
     : CstmLinearArray(sizeof(CstmLinearArray*)),
       mElementSize(elementSize > UINT32_MAX ? 0 : static_cast<uint32_t>(elementSize)) {}
 
+CstmPersistentLinearArray::~CstmPersistentLinearArray() { FreeAllBuffers(); }
+
 int CstmPersistentLinearArray::AddBuffer(unsigned long elements) {
 	if (elements == 0) elements = kDefaultPage;
 	if (mElementsPerPage != 0) elements = mElementsPerPage;

@@ -2,16 +2,18 @@
 
 #include "linear_array.h"
 
+struct CstmPersistentLinearArrayConstants {
+	static constexpr unsigned long kDefaultPage = 65536; ///< elements
+};
+
 /// An array whose elements never move: they stand in pages of one size, and only the list
 /// of pages is resized. Elements start zeroed; an address is valid until `FreeAllBuffers`.
 /// Making an element is nearly always an addition. Not locked.
-class QOR_API CstmPersistentLinearArray : public CstmLinearArray {
+class QOR_API CstmPersistentLinearArray : public CstmLinearArray, public CstmPersistentLinearArrayConstants {
 public:
-	static constexpr unsigned long kDefaultPage = 65536; ///< elements
-
 	/// @param elementSize bytes
 	explicit CstmPersistentLinearArray(unsigned long elementSize);
-	~CstmPersistentLinearArray() { FreeAllBuffers(); }
+	~CstmPersistentLinearArray();
 
 	/// Adds a page. The first one fixes the elements per page for the life of the array
 	/// (0: `kDefaultPage`), also beyond `FreeAllBuffers`; later counts are ignored.

@@ -65,6 +65,12 @@ bool readWhole(CstFile& file, char* buffer, size_t size) {
 
 } // namespace
 
+CstmCharStringSet::CstmCharStringSet() : CstmRawObjLineArray(1) {}
+
+CstmCharStringSet::~CstmCharStringSet() = default;
+
+CstmCharStringSet::CstmCharStringSet(const CstmCharStringSet& other) : CstmCharStringSet() { Copy(other); }
+
 CstmCharStringSet& CstmCharStringSet::operator=(const CstmCharStringSet& other) {
 	Copy(other);
 	return *this;

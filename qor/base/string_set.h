@@ -9,9 +9,10 @@
 /// failure the set is as it was. Not locked.
 class QOR_API CstmCharStringSet : public CstmRawObjLineArray {
 public:
-	CstmCharStringSet() : CstmRawObjLineArray(1) {}
+	CstmCharStringSet();
+	~CstmCharStringSet();
 	/// The copy is empty when memory is short; `Copy` tells.
-	CstmCharStringSet(const CstmCharStringSet& other) : CstmCharStringSet() { Copy(other); }
+	CstmCharStringSet(const CstmCharStringSet& other);
 	/// Leaves the set as it was when memory is short.
 	CstmCharStringSet& operator=(const CstmCharStringSet& other);
 

@@ -25,7 +25,6 @@
 #include "math/camera_calibration.h"
 #include "math/direct_linear_transformation.h"
 #include "math/plane_calibration.h"
-#include "plugins/capture_state.h"
 #include "plugins/dynamic_module.h"
 #include "plugins/dynamic_module_list.h"
 #include "plugins/plugin_manager.h"

@@ -44,23 +44,29 @@ Device* itemOf(const CstmArray<Device*>& items, int index) {
 
 } // namespace
 
+CqorSIO_VideoCapList::CqorSIO_VideoCapList() = default;
+CqorSIO_VideoCapList::~CqorSIO_VideoCapList() = default;
 int CqorSIO_VideoCapList::Add(CqorSIO_VideoCap* camera) { return addTo(mItems, camera); }
 int CqorSIO_VideoCapList::Remove(CqorSIO_VideoCap* camera) { return removeFrom(mItems, camera); }
 void CqorSIO_VideoCapList::Clear() { mItems.Delete(0, mItems.Count()); }
 int CqorSIO_VideoCapList::GetCount() { return mItems.Count(); }
 CqorSIO_VideoCap* CqorSIO_VideoCapList::Get(int index) { return itemOf(mItems, index); }
 const char* CqorSIO_VideoCapList::gettype() const { return "CqorSIO_VideoCapList"; }
+qorMCClassFunc CqorSIO_VideoCapList::getclassfunc() const { return qorMC__CLASSFUNC; }
 
 int CqorSIO_VideoCapList::qorMC__CLASSFUNC(unsigned long command, unsigned long, unsigned long, void* out, void*) {
 	return managed::classFunction<CqorSIO_VideoCapList>("CqorSIO_VideoCapList", command, out);
 }
 
+CqorSIO_TimeCapList::CqorSIO_TimeCapList() = default;
+CqorSIO_TimeCapList::~CqorSIO_TimeCapList() = default;
 int CqorSIO_TimeCapList::Add(CqorSIO_TimeCap* device) { return addTo(mItems, device); }
 int CqorSIO_TimeCapList::Remove(CqorSIO_TimeCap* device) { return removeFrom(mItems, device); }
 void CqorSIO_TimeCapList::Clear() { mItems.Delete(0, mItems.Count()); }
 int CqorSIO_TimeCapList::GetCount() { return mItems.Count(); }
 CqorSIO_TimeCap* CqorSIO_TimeCapList::Get(int index) { return itemOf(mItems, index); }
 const char* CqorSIO_TimeCapList::gettype() const { return "CqorSIO_TimeCapList"; }
+qorMCClassFunc CqorSIO_TimeCapList::getclassfunc() const { return qorMC__CLASSFUNC; }
 
 int CqorSIO_TimeCapList::qorMC__CLASSFUNC(unsigned long command, unsigned long, unsigned long, void* out, void*) {
 	return managed::classFunction<CqorSIO_TimeCapList>("CqorSIO_TimeCapList", command, out);

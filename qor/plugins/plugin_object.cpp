@@ -1,56 +1,66 @@
 #include "plugin_object.h"
 
+#include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../core/line_parameters.h"
 #include "../platform/format.h"
 #include "live_table_internal.h"
 
+#include <cstdarg>
 #include <cstring>
-
-namespace {
+#include <utility>
 
 /// What a plug-in may write, and as much again that it must not: a reply that runs on is
-/// found by its missing terminator instead of by what it destroyed.
-struct ReplyBuffer {
+/// found by its missing terminator instead of by what it destroyed. Cleared, so that a reply
+/// without a terminator ends where the plug-in stopped.
+struct CqorSIO_Object::Reply {
 	char text[2 * QOR_SIO_REPLY_SIZE];
-	ReplyBuffer() { text[0] = text[QOR_SIO_REPLY_SIZE - 1] = 0; }
+	Reply() { std::memset(text, 0, QOR_SIO_REPLY_SIZE); }
 	bool isTerminated() const { return std::memchr(text, 0, QOR_SIO_REPLY_SIZE) != nullptr; }
 };
 
-} // namespace
-
-CqorSIO_Object::CqorSIO_Object() {
-	if (!plugins::liveObjects().enrol(this)) _mclog(3, "Too many objects: no events reach this one");
-}
+CqorSIO_Object::CqorSIO_Object() : mPlace(plugins::enrol(plugins::Live::object, this)) {}
 
 CqorSIO_Object::~CqorSIO_Object() { piRetire(); }
 
-void CqorSIO_Object::piRetire() { plugins::liveObjects().retire(this); }
+void CqorSIO_Object::piRetire() {
+	if (!mPlace) return;
+	plugins::retire(std::exchange(mPlace, nullptr)); // from here on the place may be another's
+	OnRetire();
+}
 
 int CqorSIO_Object::piAccept(void* objectContext, qorSIO_Func objectFunction) {
 	mObjectContext = objectContext;
 	mObjectFunction = objectFunction;
 	if (!objectContext || !objectFunction) return kQorFailure;
-	const int answer = piFunc(qorSIO_OBJ_ATTACH, 0, 0, this, reinterpret_cast<void*>(&_piObjCB));
+	if (!mPlace) {
+		_mclog(3, "No memory for the events of this object");
+		return kQorFailure;
+	}
+	const int answer = piFunc(qorSIO_OBJ_ATTACH, 0, 0, plugins::identityOf(mPlace), reinterpret_cast<void*>(&_piObjCB));
 	return answer == 0 ? kQorSuccess : kQorFailure;
 }
 
 int CqorSIO_Object::piFunc(unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2) {
-	return mObjectFunction ? mObjectFunction(mObjectContext, code, a, b, p1, p2) : kQorFailure;
+	if (!mObjectFunction) return kQorFailure;
+	return base::callHost(
+	    "plug-in object function", [&] { return mObjectFunction(mObjectContext, code, a, b, p1, p2); });
 }
 
 int CqorSIO_Object::piObjCB(unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2) {
-	return OnObjectCB(code, a, b, p1, p2);
+	return base::callHost("OnObjectCB", [&] { return OnObjectCB(code, a, b, p1, p2); });
 }
 
 int CqorSIO_Object::_piObjCB(void* object, unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2) {
-	const plugins::LiveCall call(plugins::liveObjects(), object);
-	return call ? static_cast<CqorSIO_Object*>(object)->piObjCB(code, a, b, p1, p2) : kQorFailure;
+	const plugins::LiveCall call(plugins::Live::object, object);
+	return call.object() ? static_cast<CqorSIO_Object*>(call.object())->piObjCB(code, a, b, p1, p2) : kQorFailure;
 }
 
 int CqorSIO_Object::OnObjectCB(unsigned long, unsigned long, unsigned long, void*, void*) { return kQorSuccess; }
 
-int CqorSIO_Object::sendCommand(char* reply, const char* format, va_list arguments) {
+void CqorSIO_Object::OnRetire() {}
+
+int CqorSIO_Object::sendCommand(Reply* reply, const char* format, va_list arguments) {
 	if (!format) return kQorFailure;
 	char command[QOR_SIO_COMMAND_SIZE + 1];
 	// A command cut short could be another valid one, so one that does not fit is not sent.
@@ -58,30 +68,31 @@ int CqorSIO_Object::sendCommand(char* reply, const char* format, va_list argumen
 		_mclog(3, "Command is longer than %d characters (%.100s...)", QOR_SIO_COMMAND_SIZE - 1, command);
 		return kQorFailure;
 	}
-	reply[0] = 0;
-	return piFunc(qorSIO_OBJ_COMMAND, 0, 0, command, reply);
+	const plugins::LiveWatch watch(mPlace);
+	const int answer = piFunc(qorSIO_OBJ_COMMAND, 0, 0, command, reply->text);
+	if (reply->isTerminated()) return answer;
+	if (!watch.gone()) _mclog(3, "Reply is longer than %d characters (%.100s...)", QOR_SIO_REPLY_SIZE - 1, reply->text);
+	reply->text[0] = 0;
+	return kQorFailure;
 }
 
 int CqorSIO_Object::piVerboseCmd(char* reply, const char* format, ...) {
-	ReplyBuffer dropped;
+	Reply buffer;
 	va_list arguments;
 	va_start(arguments, format);
-	const int answer = sendCommand(reply ? reply : dropped.text, format, arguments);
+	const int answer = sendCommand(&buffer, format, arguments);
 	va_end(arguments);
+	if (reply) std::memcpy(reply, buffer.text, std::strlen(buffer.text) + 1);
 	return answer;
 }
 
 int CqorSIO_Object::piAsk(CmcLineParSet& reply, const char* format, ...) {
-	ReplyBuffer buffer;
+	Reply buffer;
 	va_list arguments;
 	va_start(arguments, format);
-	const int answer = sendCommand(buffer.text, format, arguments);
+	const int answer = sendCommand(&buffer, format, arguments);
 	va_end(arguments);
 	if (answer != 0) return kQorFailure;
-	if (!buffer.isTerminated()) {
-		_mclog(3, "Reply is longer than %d characters (%.100s...)", QOR_SIO_REPLY_SIZE - 1, buffer.text);
-		return kQorFailure;
-	}
 	reply.Feed(buffer.text, 1, 1); // a failure leaves no items, and so no value
 	return kQorSuccess;
 }
@@ -124,12 +135,13 @@ int CqorSIO_Object::piVerboseGetString(const char* key, char* out) {
 }
 
 int CqorSIO_Object::piVerboseGetString(const char* key, char* out, std::size_t size) {
+	const plugins::LiveWatch watch(mPlace);
 	CmcLineParSet reply;
 	if (!out || getValue(reply, key) != kQorSuccess) return kQorFailure;
 	const char* value = reply.par(key, 0);
 	const auto length = std::strlen(value);
 	if (length >= size) {
-		_mclog(3, "Value of %s is longer than %d characters", key, static_cast<int>(size) - 1);
+		if (!watch.gone()) _mclog(3, "Value of %s is longer than %d characters", key, static_cast<int>(size) - 1);
 		return kQorFailure;
 	}
 	std::memcpy(out, value, length + 1);
@@ -155,6 +167,12 @@ int CqorSIO_Object::piVerboseSetString(const char* key, const char* value) {
 }
 
 const char* CqorSIO_Object::gettype() const { return "CqorSIO_Object"; }
+qorMCClassFunc CqorSIO_Object::getclassfunc() const { return qorMC__CLASSFUNC; }
+
+// Places for operations to come: a class of a host keeps its own behind them.
+void CqorSIO_Object::piReserved1() {}
+void CqorSIO_Object::piReserved2() {}
+void CqorSIO_Object::piReserved3() {}
 
 int CqorSIO_Object::qorMC__CLASSFUNC(unsigned long command, unsigned long, unsigned long, void* out, void*) {
 	return managed::classFunction<CqorSIO_Object>("CqorSIO_Object", command, out);

@@ -25,13 +25,18 @@
 /// Any thread of the plug-in may use the two callbacks. The library may call back into the
 /// object function while it is handling an event (it reads the device's strings during
 /// 40100), so a plug-in holds no lock of its own while it reports.
+///
+/// Manager, `pi` and library object are identities, not addresses: a plug-in gives them back
+/// as they are and looks at nothing behind them. None is ever used again for another one; when
+/// its owner has gone, calls with it are answered with `QOR_SIO_FAILURE` for good. A camera or
+/// timing device that is destroyed while it acquires is sent "stop" before.
 
 #include <stddef.h>
 #include <stdint.h>
 
 /// The entry function, object functions and the object callback. Its first argument is
 /// what the receiver of the call registered: the plug-in's object context for an object
-/// function, the library object for the object callback.
+/// function, the library object's identity for the object callback.
 typedef int (*qorSIO_Func)(void* context, unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2);
 
 /// The manager callback: as above with the plug-in's `pi` (p1 of code 1002) in second place.
@@ -59,8 +64,8 @@ typedef int (*qorSIO_ManagerFunc)(
 
 /// Codes of the entry function.
 enum {
-	qorSIO_PI_INITIALISE = 1001, ///< context: manager. Answer 0 to take part.
-	qorSIO_PI_CALLBACK = 1002    ///< context: manager, p1: `pi`, p2: the `qorSIO_ManagerFunc`.
+	qorSIO_PI_INITIALISE = 1001, ///< context: the manager's identity. Answer 0 to take part.
+	qorSIO_PI_CALLBACK = 1002    ///< context: the same, p1: `pi`, p2: the `qorSIO_ManagerFunc`.
 };
 
 /// Codes of the manager callback.
@@ -76,9 +81,9 @@ enum {
 	/// p1: buffer of `QOR_SIO_INFORMATION_SIZE` zeroed bytes for the information line: items
 	/// separated by commas, among them "!siotype" followed by the class name.
 	qorSIO_OBJ_INFORMATION = 20001,
-	/// p1: the library object, p2: its `qorSIO_Func`. Answer 0 to accept.
+	/// p1: the library object's identity, p2: its `qorSIO_Func`. Answer 0 to accept.
 	qorSIO_OBJ_ATTACH = 20002,
-	/// p1: command line, p2: buffer of `QOR_SIO_REPLY_SIZE` bytes for the reply line.
+	/// p1: command line, p2: buffer of `QOR_SIO_REPLY_SIZE` zeroed bytes for the reply line.
 	/// Answer 0 when the reply line counts; it carries the status of the operation itself.
 	qorSIO_OBJ_COMMAND = 20010
 };
@@ -107,6 +112,58 @@ enum {
 #define QOR_SIO_HOST_GEOMETRY 40120
 /// Asked of the host to make the library object for a device; never sent to plug-ins.
 #define QOR_SIO_HOST_CREATE 1
+
+/// The information line: the item in front of the class name, and the class names, which are
+/// compared without regard to case.
+#define QOR_SIO_KEY_TYPE "!siotype"
+#define QOR_SIO_TYPE_OBJECT "CqorSIO_Object"
+#define QOR_SIO_TYPE_CAMERA "CqorSIO_VideoCap"
+#define QOR_SIO_TYPE_TIMING_DEVICE "CqorSIO_TimeCap"
+
+/// Operations. Only "allocbuffers" has an argument, the number of buffers.
+#define QOR_SIO_OP_OPEN "open"
+#define QOR_SIO_OP_CLOSE "close"
+#define QOR_SIO_OP_ALLOC_BUFFERS "allocbuffers"
+#define QOR_SIO_OP_RELEASE_BUFFERS "releasebuffers"
+#define QOR_SIO_OP_PREPARE "prepare"
+#define QOR_SIO_OP_START "start"
+#define QOR_SIO_OP_STOP "stop"
+
+/// Property keys. Pixels, microseconds and frames per second where nothing else is said.
+#define QOR_SIO_KEY_VENDOR_NAME "!vendorname" /* of a camera, */
+#define QOR_SIO_KEY_VENDOR_INFO "!vendorinfo" /* and of a timing device */
+#define QOR_SIO_KEY_MODEL_NAME "!modelname"
+#define QOR_SIO_KEY_MANUFACTURER_INFO "!manufacturerinfo"
+#define QOR_SIO_KEY_VERSION "!version"
+#define QOR_SIO_KEY_FIRMWARE_VERSION "!firmwareversion"
+#define QOR_SIO_KEY_DEVICE_ID "!deviceID"
+#define QOR_SIO_KEY_MAX_WIDTH "!maxwidth"
+#define QOR_SIO_KEY_MAX_HEIGHT "!maxheight"
+#define QOR_SIO_KEY_WIDTH "!width"
+#define QOR_SIO_KEY_HEIGHT "!height"
+#define QOR_SIO_KEY_X "!x"
+#define QOR_SIO_KEY_Y "!y"
+#define QOR_SIO_KEY_ROI "!roi"      /* set only: x,y,width,height */
+#define QOR_SIO_KEY_ROI_EX "!roiex" /* set only: the same and two values of the device's own */
+#define QOR_SIO_KEY_EXPOSURE "!exposure"
+#define QOR_SIO_KEY_MIN_EXPOSURE "!minexposure"
+#define QOR_SIO_KEY_MAX_EXPOSURE "!maxexposure"
+#define QOR_SIO_KEY_GAIN "!gain"
+#define QOR_SIO_KEY_MIN_GAIN "!mingain"
+#define QOR_SIO_KEY_MAX_GAIN "!maxgain"
+#define QOR_SIO_KEY_FRAME_RATE "!framerate"
+#define QOR_SIO_KEY_MIN_FRAME_RATE "!minframerate"
+#define QOR_SIO_KEY_MAX_FRAME_RATE "!maxframerate"
+#define QOR_SIO_KEY_FRAME_BYTE_SIZE "!framebytesize" /* bytes */
+#define QOR_SIO_KEY_PIX_FORMAT "!pixformat"
+#define QOR_SIO_KEY_PIX_FORMAT_CONVERSION "!pixformatconversion"
+#define QOR_SIO_KEY_GIGE_PACKET_SIZE "!gige_packet_size" /* bytes */
+#define QOR_SIO_KEY_TIME "!time"                         /* of a timing device: seven parts between '/' */
+/// Features by name: the name stands behind the key. A command is set to the empty text.
+#define QOR_SIO_KEY_FEATURE_STRING "!genicam:str:"
+#define QOR_SIO_KEY_FEATURE_INT32 "!genicam:int32:"
+#define QOR_SIO_KEY_FEATURE_FLOAT32 "!genicam:float32:"
+#define QOR_SIO_KEY_FEATURE_COMMAND "!genicam:cmd:"
 
 /// Pixel formats of `qorSIO_VCAP_FRAME_INFO`: bits per pixel; the high byte is 1 where the
 /// more significant byte of a pixel stands first.

@@ -2,7 +2,6 @@
 
 #include "../base/linear_array.h"
 #include "../platform/export.h"
-#include "capture_state.h"
 #include "plugin_object.h"
 
 #include <atomic>
@@ -16,7 +15,7 @@ class CqorSIO_TimeCap;
 using qorSIO_TimeCapFunc = int (*)(void* userContext, CqorSIO_TimeCap* device, unsigned long code, unsigned long a,
     unsigned long b, void* p1, void* p2);
 
-/// The device's time in seven parts, whose meaning is the plug-in's. The timing devices
+/// The device's time in seven parts, whose meaning is the plug-in's. The record stays as it is. The timing devices
 /// that ship with the library give year, month, day, hour, minute, milliseconds of the
 /// minute, and seconds since the device started.
 struct eqorSIO_TIME {
@@ -37,7 +36,8 @@ public:
 	CqorSIO_TimeCap();
 	~CqorSIO_TimeCap() override;
 
-	/// Sets callback and user context. While events arrive only from null to a callback and back.
+	/// As `CqorSIO_VideoCap::SetUserCallBack`: in one step, and when it returns, no call with the
+	/// former two runs any more, unless it is called from within an event or callback.
 	void SetUserCallBack(qorSIO_TimeCapFunc callback, void* userContext);
 
 	/// @return the plug-in's status, 0 for success.
@@ -49,13 +49,13 @@ public:
 
 	/// State bits as 0 or 1. Online is never cleared again, and recording, reading and
 	/// preview stay 0: no operation of a timing device touches them.
-	int isOnline() const { return mState.has(plugins::kStateOnline); }
-	int isOpen() const { return mState.has(plugins::kStateOpen); }
-	int isPrepared() const { return mState.has(plugins::kStatePrepared); }
-	int isAcquiring() const { return mState.has(plugins::kStateAcquiring); }
-	int isRecording() const { return mState.has(plugins::kStateRecording); }
-	int isReading() const { return mState.has(plugins::kStateReading); }
-	int isPreview() const { return mState.has(plugins::kStatePreview); }
+	int isOnline() const;
+	int isOpen() const;
+	int isPrepared() const;
+	int isAcquiring() const;
+	int isRecording() const;
+	int isReading() const;
+	int isPreview() const;
 
 	/// Reads the device's time: seven parts between '/'. Missing parts give 0, integers too
 	/// large for their field keep its low bits.
@@ -63,68 +63,69 @@ public:
 	int getTime(eqorSIO_TIME* out);
 
 	/// Read at event 40100; empty before. Stable until the next 40100.
-	const char* getVendorInfo() const { return mStrings.mVendor; }
-	const char* getModelName() const { return mStrings.mModelName; }
-	const char* getManufacturerInfo() const { return mStrings.mManufacturerInfo; }
-	const char* getVersion() const { return mStrings.mVersion; }
-	const char* getFirmwareVersion() const { return mStrings.mFirmwareVersion; }
-	const char* GetDeviceID() const { return mStrings.mDeviceID; }
+	const char* getVendorInfo() const;
+	const char* getModelName() const;
+	const char* getManufacturerInfo() const;
+	const char* getVersion() const;
+	const char* getFirmwareVersion() const;
+	const char* GetDeviceID() const;
 
 	/// Time events (40010) received since construction.
-	long long GetEventCount() const { return mEvents.count(); }
+	long long GetEventCount() const;
 	/// A second counter, advanced by the host, with a rate of its own.
-	void CountHostEvents(int count) { mHostEvents.add(count); }
-	long long GetHostEventCount() const { return mHostEvents.count(); }
+	void CountHostEvents(int count);
+	long long GetHostEventCount() const;
 
 	/// Brings the rates up to date when more than 1.0 s has passed since the last time; to be
 	/// called again and again by one thread.
 	void updatePerfCounters();
 	/// Events per second.
-	double GetEventRate() const { return mEvents.rate(); }
-	double GetHostEventRate() const { return mHostEvents.rate(); }
+	double GetEventRate() const;
+	double GetHostEventRate() const;
 
 	/// Calls the host callback. @return its answer; 0x10000000 when none is set.
 	int callUserCB(unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2);
 
-	/// @return always 0.
+	/// @return 0; 0x10000000 when the device was destroyed on the way.
 	int OnObjectCB(unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2) override;
 
 	const char* gettype() const override;
-	qorMCClassFunc getclassfunc() const override { return qorMC__CLASSFUNC; }
+	qorMCClassFunc getclassfunc() const override;
 	static int qorMC__CLASSFUNC(unsigned long command, unsigned long a, unsigned long b, void* out, void* p);
+
+protected:
+	/// Stops the device if it acquires.
+	void OnRetire() override;
 
 private:
 	/// Counted on any thread; the rate is written by the thread that updates it.
-	class RateCounter {
-	public:
-		void add(int count) { mCount.fetch_add(count, std::memory_order_relaxed); }
-		long long count() const { return mCount.load(std::memory_order_relaxed); }
-		double rate() const { return mRate.load(std::memory_order_relaxed); }
-		void update(double seconds) {
-			const auto now = count();
-			mRate.store(static_cast<double>(now - mLast) / seconds, std::memory_order_relaxed);
-			mLast = now;
-		}
-
-	private:
+	struct RateCounter {
 		std::atomic<long long> mCount{0};
 		long long mLast = 0;
 		std::atomic<double> mRate{0};
+		void update(double seconds);
 	};
+	bool readStrings();
 
-	std::atomic<qorSIO_TimeCapFunc> mUserCallback{nullptr};
-	std::atomic<void*> mUserContext{nullptr};
-	plugins::DeviceStrings mStrings;
-	plugins::StateFlags mState;
+	qorSIO_TimeCapFunc mUserCallback = nullptr; // with the context under the lock of the object's place
+	void* mUserContext = nullptr;
+	char mVendorInfo[128] = {};
+	char mModelName[128] = {};
+	char mManufacturerInfo[128] = {};
+	char mVersion[128] = {};
+	char mFirmwareVersion[128] = {};
+	char mDeviceID[128] = {};
+	std::atomic<uint32_t> mState{0};
 	RateCounter mEvents;
 	RateCounter mHostEvents;
-	double mLastUpdate = 0;
+	double mLastUpdate;
 };
 
 /// A plain list of timing devices, which stay their makers'. One thread at a time.
 class QOR_API CqorSIO_TimeCapList : public Cmc {
 public:
-	CqorSIO_TimeCapList() = default;
+	CqorSIO_TimeCapList();
+	~CqorSIO_TimeCapList() override;
 	CqorSIO_TimeCapList(const CqorSIO_TimeCapList&) = delete;
 	CqorSIO_TimeCapList& operator=(const CqorSIO_TimeCapList&) = delete;
 
@@ -139,7 +140,7 @@ public:
 	CqorSIO_TimeCap* operator()(int index) { return Get(index); }
 
 	const char* gettype() const override;
-	qorMCClassFunc getclassfunc() const override { return qorMC__CLASSFUNC; }
+	qorMCClassFunc getclassfunc() const override;
 	static int qorMC__CLASSFUNC(unsigned long command, unsigned long a, unsigned long b, void* out, void* p);
 
 private:

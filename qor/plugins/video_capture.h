@@ -3,7 +3,6 @@
 #include "../base/linear_array.h"
 #include "../platform/export.h"
 #include "../platform/types.h"
-#include "capture_state.h"
 #include "plugin_object.h"
 
 #include <atomic>
@@ -11,7 +10,8 @@
 
 class CqorSIO_VideoCap;
 
-/// The host's callback for a camera. It runs on the plug-in's thread.
+/// The host's callback for a camera. It runs on the plug-in's thread, and may use every operation
+/// of the camera, also `SetUserCallBack`, and delete the camera.
 ///
 /// 40010: a frame, `a` = its buffer index, p1 = its `qorSIO_VCAP_FRAME_INFO` (valid until the
 /// callback returns). 40011: `a` = 1 while the sensor acquires. 40100, 40101, 40110: connected,
@@ -22,7 +22,7 @@ class CqorSIO_VideoCap;
 using qorSIO_VideoCapFunc = int (*)(void* userContext, CqorSIO_VideoCap* camera, unsigned long code, unsigned long a,
     unsigned long b, void* p1, void* p2);
 
-/// What the interval ring holds; all 0 when it is empty. Seconds.
+/// What the interval ring holds; all 0 when it is empty. Seconds. The record stays as it is.
 struct qorSIO_INTERVAL_STATISTICS {
 	int mCount = 0;
 	double mMean = 0;
@@ -42,13 +42,18 @@ struct qorSIO_INTERVAL_STATISTICS {
 /// first and return 0x10000000 on failure; their output holds `kQorSioValueSize` characters.
 /// Setters return the plug-in's status, or 0x10000000 when it does not reply.
 ///
-/// Frame events touch no lock but the interval ring's, and that only when the host made one.
+/// A frame event allocates nothing and waits for nothing: what it locks (the callback's pair, the
+/// interval ring when the host made one) is held for a few instructions and never over a call.
 class QOR_API CqorSIO_VideoCap : public CqorSIO_Object {
 public:
 	CqorSIO_VideoCap();
 	~CqorSIO_VideoCap() override;
 
-	/// Sets callback and user context. While events arrive only from null to a callback and back.
+	/// Changes callback and user context in one step, at any time: every call has the two that
+	/// were set together. When this returns no call with the former two runs any more, and what
+	/// belongs to them may be deleted; hold nothing here that the callback waits for. From within
+	/// an event or callback of any device or manager it returns at once: calls on other
+	/// threads, and the one it is called from, may still be running.
 	void SetUserCallBack(qorSIO_VideoCapFunc callback, void* userContext);
 	/// Gives the camera a ring of `count` frame intervals (0: none) and arms it.
 	/// @return 0; 0x10000000 for a negative or enormous count or without memory: the old ring stays.
@@ -70,14 +75,15 @@ public:
 	int cmdStartRead();
 	int cmdPreview(int on);
 
-	/// State bits as 0 or 1.
-	int isOnline() const { return mState.has(plugins::kStateOnline); }
-	int isOpen() const { return mState.has(plugins::kStateOpen); }
-	int isPrepared() const { return mState.has(plugins::kStatePrepared); }
-	int isAcquiring() const { return mState.has(plugins::kStateAcquiring); }
-	int isRecording() const { return mState.has(plugins::kStateRecording); }
-	int isReading() const { return mState.has(plugins::kStateReading); }
-	int isPreview() const { return mState.has(plugins::kStatePreview); }
+	/// State bits as 0 or 1. Of operations that overlap the one sent last decides, also when it
+	/// is answered first: after a "stop" from the first frame's callback the camera does not acquire.
+	int isOnline() const;
+	int isOpen() const;
+	int isPrepared() const;
+	int isAcquiring() const;
+	int isRecording() const;
+	int isReading() const;
+	int isPreview() const;
 
 	/// Pixels.
 	int getMaxWidth();
@@ -98,7 +104,7 @@ public:
 	int setROI(int x, int y, int width, int height);
 	/// The last two values are the device's own, commonly horizontal and vertical decimation.
 	int setROIex(int x, int y, int width, int height, int horizontal, int vertical);
-	bool isGeometryChanging() const { return mGeometryChanges.load(std::memory_order_acquire) != 0; }
+	bool isGeometryChanging() const;
 
 	/// Units are the device's, commonly microseconds (exposure) and frames per second.
 	int getExposure();
@@ -131,19 +137,19 @@ public:
 	int genICam_Command(const char* feature);
 
 	/// Read at event 40100; empty before. Stable until the next 40100.
-	const char* getVendorName() const { return mStrings.mVendor; }
-	const char* getModelName() const { return mStrings.mModelName; }
-	const char* getManufacturerInfo() const { return mStrings.mManufacturerInfo; }
-	const char* getVersion() const { return mStrings.mVersion; }
-	const char* getFirmwareVersion() const { return mStrings.mFirmwareVersion; }
-	const char* GetDeviceID() const { return mStrings.mDeviceID; }
+	const char* getVendorName() const;
+	const char* getModelName() const;
+	const char* getManufacturerInfo() const;
+	const char* getVersion() const;
+	const char* getFirmwareVersion() const;
+	const char* GetDeviceID() const;
 
 	/// Frames received since construction.
-	long long GetFrameCount() const { return mFrameCount.load(std::memory_order_relaxed); }
+	long long GetFrameCount() const;
 	/// When the last frame arrived, in seconds of the high-resolution counter; 0 before the first.
-	double GetLastFrameTime() const { return mLastFrameTime.load(std::memory_order_relaxed); }
+	double GetLastFrameTime() const;
 	/// The indicator of event 40011.
-	int IsSensorAcquiring() const { return mSensorAcquiring.load(std::memory_order_relaxed); }
+	int IsSensorAcquiring() const;
 	/// Statistics of the intervals in the ring. The fifth frame after arming empties the
 	/// ring, so that start-up does not count.
 	void GetIntervalStatistics(qorSIO_INTERVAL_STATISTICS* out);
@@ -155,48 +161,61 @@ public:
 	/// Calls the host callback. @return its answer; 0x10000000 when none is set.
 	int callUserCB(unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2);
 
-	/// @return 0; 0x10000000 for a frame event without frame information.
+	/// @return 0; 0x10000000 for a frame event without frame information, and when the camera was
+	/// destroyed on the way.
 	int OnObjectCB(unsigned long code, unsigned long a, unsigned long b, void* p1, void* p2) override;
 
 	const char* gettype() const override;
-	qorMCClassFunc getclassfunc() const override { return qorMC__CLASSFUNC; }
+	qorMCClassFunc getclassfunc() const override;
 	static int qorMC__CLASSFUNC(unsigned long command, unsigned long a, unsigned long b, void* out, void* p);
+
+protected:
+	/// Stops the camera if it acquires.
+	void OnRetire() override;
 
 private:
 	int onFrame(void* information);
+	bool readStrings();
 	void rememberInterval(double interval);
 	void clearIntervals();
+	bool readIntervals(qorSIO_INTERVAL_STATISTICS* out);
 	void clearFrameInfos();
-	void askForGeometryChange();
+	bool askForGeometryChange();
 	int setGuarded(const char* call, const char* key, int value);
 	int setRegion(const char* call, const char* command, const char* key);
 	int getInt(const char* key);
 	float getFloat(const char* key);
 	int getText(const char* key, char* out);
 
-	std::atomic<qorSIO_VideoCapFunc> mUserCallback{nullptr};
-	std::atomic<void*> mUserContext{nullptr};
-	plugins::DeviceStrings mStrings;
+	qorSIO_VideoCapFunc mUserCallback = nullptr; // with the context under the lock of the object's place
+	void* mUserContext = nullptr;
+	char mVendorName[128] = {};
+	char mModelName[128] = {};
+	char mManufacturerInfo[128] = {};
+	char mVersion[128] = {};
+	char mFirmwareVersion[128] = {};
+	char mDeviceID[128] = {};
 	std::atomic<long long> mFrameCount{0};
 	std::atomic<double> mLastFrameTime{0};
-	double* mIntervals = nullptr; // ring, size and index under mIntervalMutex
+	double* mIntervals = nullptr; // ring, size and index under mIntervalLock
 	std::atomic<int> mIntervalRingSize{0};
 	uint64_t mIntervalIndex = 0;
-	platform::WaitHandle mIntervalMutex = nullptr;
+	std::atomic<uint32_t> mIntervalLock{0};
 	std::atomic<int> mSensorAcquiring{0};
-	std::atomic<long long> mArmedCount{0};
-	plugins::StateFlags mState;
+	std::atomic<int> mArmedCount{0};
+	std::atomic<uint32_t> mState{0};
 	std::atomic<int> mGeometryChanges{0};
-	qorSIO_VCAP_FRAME_INFO* mFrameInfos = nullptr;
+	qorSIO_VCAP_FRAME_INFO* mFrameInfos = nullptr; // ring, size and index under the lock of the place
 	int mFrameInfoRingSize = 0;
-	std::atomic<uint64_t> mFrameInfoIndex{0};
+	uint64_t mFrameInfoIndex = 0;
 	int mGeometryAcknowledged = 0; // read through std::atomic_ref; outlives a host that answers late
 };
 
 /// A plain list of cameras, which stay their makers'. One thread at a time.
 class QOR_API CqorSIO_VideoCapList : public Cmc {
 public:
-	CqorSIO_VideoCapList() = default;
+	CqorSIO_VideoCapList();
+	~CqorSIO_VideoCapList() override;
 	CqorSIO_VideoCapList(const CqorSIO_VideoCapList&) = delete;
 	CqorSIO_VideoCapList& operator=(const CqorSIO_VideoCapList&) = delete;
 
@@ -211,7 +230,7 @@ public:
 	CqorSIO_VideoCap* operator()(int index) { return Get(index); }
 
 	const char* gettype() const override;
-	qorMCClassFunc getclassfunc() const override { return qorMC__CLASSFUNC; }
+	qorMCClassFunc getclassfunc() const override;
 	static int qorMC__CLASSFUNC(unsigned long command, unsigned long a, unsigned long b, void* out, void* p);
 
 private:

@@ -81,8 +81,8 @@ TEST(PlugInManager, SurvivesAHostilePlugIn) {
 	Host host;
 	const auto answers = reinterpret_cast<const int* (*)()>(host.hostile->piGetFunc("answers"));
 	ASSERT_NE(answers, nullptr);
-	EXPECT_EQ(
-	    std::vector<int>(answers(), answers() + 6), (std::vector<int>{kFailure, 0, 0, kFailure, kFailure, kFailure}));
+	EXPECT_EQ(std::vector<int>(answers(), answers() + 7),
+	    (std::vector<int>{kFailure, 0, 0, kFailure, kFailure, kFailure, kFailure}));
 	for (const char* line : {"qorSIO_CB_PI_CREATE_OBJECT - Invalid parameters", "pi does not accept", "CB(4711) from ",
 	         "[OK] Info (!siotype,CqorSIO_Object,%s%nxxx"})
 		EXPECT_TRUE(log.has(line)) << line;

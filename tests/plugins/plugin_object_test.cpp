@@ -67,6 +67,15 @@ TEST(PlugInObject, KeepsToTheSizesOfTheBoundary) {
 		}
 	}
 	EXPECT_TRUE(log.has("Reply is longer than 4095 characters"));
+
+	int number = 0;
+	char small[8];
+	device.terminates = false; // who leaves it out gets no leftovers
+	for (const std::string text : {"k,55555", "k,5"}) {
+		device.reply = text;
+		EXPECT_TRUE(object.piVerboseGetInt32("k", &number) == 0 && object.piVerboseCmd(small, "x") == 0);
+		EXPECT_TRUE("k," + std::to_string(number) == text && text == small) << number;
+	}
 }
 
 TEST(PlugInObject, NeedsBothHalvesOfAPlugIn) {

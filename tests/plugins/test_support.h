@@ -32,6 +32,8 @@ struct FakeDevice {
 	std::vector<std::string> commands;
 	std::map<std::string, std::string> values;
 	std::optional<std::string> reply; // instead of the usual one
+	bool terminates = true;           // the reply
+	void* object = nullptr;           // what it was attached with
 	std::function<void()> onCommand;
 	int status = 0;
 	std::map<unsigned long, int> results; // of the object function, by its code
@@ -41,10 +43,16 @@ struct FakeDevice {
 		if (code == qorSIO_OBJ_INFORMATION) self.info.copy(static_cast<char*>(p1), QOR_SIO_INFORMATION_SIZE);
 		if (code == qorSIO_OBJ_COMMAND) {
 			self.commands.emplace_back(static_cast<const char*>(p1));
+			const auto text = self.reply.value_or(self.usual(self.commands.back()));
 			if (self.onCommand) self.onCommand();
-			std::strcpy(static_cast<char*>(p2), self.reply.value_or(self.usual(self.commands.back())).c_str());
+			std::memcpy(p2, text.c_str(), text.size() + self.terminates);
 		}
+		if (code == qorSIO_OBJ_ATTACH) self.object = p1;
 		return self.results[code];
+	}
+
+	int event(unsigned long code, void* p1 = nullptr) const {
+		return CqorSIO_Object::_piObjCB(object, code, 0, 0, p1, nullptr);
 	}
 
 	std::string usual(const std::string& command) const {

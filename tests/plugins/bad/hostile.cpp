@@ -2,8 +2,10 @@
 
 #include <cstring>
 
-/// Offers devices no plug-in should; `answers` gives what the manager answered.
-static int sAnswers[6];
+/// Offers devices no plug-in should; `answers` gives what the manager answered, `known` what it
+/// introduced itself with.
+static int sAnswers[7];
+static void* sKnown[2]; // manager, pi
 
 static int overrunInformation(void*, unsigned long code, unsigned long, unsigned long, void* p1, void*) {
 	if (code != qorSIO_OBJ_INFORMATION) return 0;
@@ -21,9 +23,16 @@ static int refusesObject(void*, unsigned long code, unsigned long, unsigned long
 	return 0;
 }
 
+static int camera(void*, unsigned long code, unsigned long, unsigned long, void* p1, void*) {
+	if (code == qorSIO_OBJ_INFORMATION) std::strcpy(static_cast<char*>(p1), "!siotype,CqorSIO_VideoCap");
+	return 0;
+}
+
 QOR_SIO_EXPORT int qorSIOEFunc(void* manager, unsigned long code, unsigned long, unsigned long, void* pi, void* p2) {
 	if (code != qorSIO_PI_CALLBACK) return 0;
 	const auto callback = reinterpret_cast<qorSIO_ManagerFunc>(p2);
+	sKnown[0] = manager;
+	sKnown[1] = pi;
 	const auto offer = [&](void* from, unsigned long request, qorSIO_Func function) {
 		return callback(manager, from, request, 0, 0, &sAnswers, reinterpret_cast<void*>(function));
 	};
@@ -33,7 +42,9 @@ QOR_SIO_EXPORT int qorSIOEFunc(void* manager, unsigned long code, unsigned long,
 	sAnswers[3] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, refusesObject);
 	sAnswers[4] = offer(pi, 4711, refusesObject);
 	sAnswers[5] = offer(&sAnswers, qorSIO_CB_PI_CREATE_OBJECT, refusesObject);
+	sAnswers[6] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, camera);
 	return 0;
 }
 
 QOR_SIO_EXPORT const int* answers() { return sAnswers; }
+QOR_SIO_EXPORT void** known() { return sKnown; }

@@ -24,6 +24,10 @@ file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/qor.pc.in ${PROJECT_BINARY_DIR}/qor.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# What an author of plug-ins starts from, and the guides.
+install(DIRECTORY plugins/template plugins/common DESTINATION ${CMAKE_INSTALL_DATADIR}/qor/plugins)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DATADIR}/qor PATTERN Doxyfile EXCLUDE)
+
 set(CPACK_PACKAGE_VENDOR "qor")
 if(WIN32)
 	set(CPACK_GENERATOR ZIP)

@@ -25,8 +25,8 @@ namespace plugin {
 /// it from within an event, that event is the last one.
 ///
 /// Devices are never deleted: the library object that a device is bound to may go, the plug-in
-/// stays. An event that the library answers with a failure tells that its object has gone,
-/// and ends the thread.
+/// stays. The library stops a running device before its object goes. An event that it answers
+/// with `QOR_SIO_FAILURE` tells that the object has gone, and ends the thread.
 class Device {
 public:
 	Device() = default;
@@ -101,7 +101,7 @@ inline int Device::objectFunction(void* context, unsigned long code, unsigned lo
 	try {
 		switch (code) {
 		case qorSIO_OBJ_INFORMATION:
-			std::snprintf(static_cast<char*>(p1), QOR_SIO_INFORMATION_SIZE, "!siotype,%s", device->siotype());
+			std::snprintf(static_cast<char*>(p1), QOR_SIO_INFORMATION_SIZE, QOR_SIO_KEY_TYPE ",%s", device->siotype());
 			return QOR_SIO_OK;
 		case qorSIO_OBJ_ATTACH: return device->attach(p1, reinterpret_cast<qorSIO_Func>(p2));
 		case qorSIO_OBJ_COMMAND:
@@ -148,17 +148,17 @@ inline int Device::command(const char* line, char* reply) {
 inline Status Device::runOperation(std::unique_lock<std::mutex>& lock, const Command& command) {
 	const auto& operation = command.operation;
 	if (const auto status = refusal(operation)) return status;
-	if (operation == "stop") {
+	if (operation == QOR_SIO_OP_STOP) {
 		if (mState == State::closed) return kWrongState;
 		stop(lock);
 		return kOk;
 	}
 	// A thread that was stopped from within an event may still be in it.
 	if (mState != State::running && !join(lock)) return kWrongState;
-	if (operation == "close") return close(lock);
-	if (operation == "start") return start();
-	const bool opens = operation == "open";
-	const bool prepares = operation == "prepare";
+	if (operation == QOR_SIO_OP_CLOSE) return close(lock);
+	if (operation == QOR_SIO_OP_START) return start();
+	const bool opens = operation == QOR_SIO_OP_OPEN;
+	const bool prepares = operation == QOR_SIO_OP_PREPARE;
 	if (opens ? mState != State::closed : mState == State::closed || mState == State::running) return kWrongState;
 	const auto status = operate(operation, command.value);
 	if (status == kOk && (opens || prepares)) mState = opens ? State::open : State::prepared;
@@ -170,14 +170,14 @@ inline Status Device::close(std::unique_lock<std::mutex>& lock) {
 	if (mState == State::closed || isOwnThread()) return kWrongState;
 	stop(lock);
 	if (mState != State::open) return kWrongState;
-	operate("close", "");
+	operate(QOR_SIO_OP_CLOSE, "");
 	mState = State::closed;
 	return kOk;
 }
 
 inline Status Device::start() {
 	if (mState != State::prepared) return kWrongState;
-	if (const auto status = operate("start", "")) return status;
+	if (const auto status = operate(QOR_SIO_OP_START, "")) return status;
 	mStopping = mAbandoned = false;
 	mThread = std::thread(&Device::run, this);
 	mState = State::running;
@@ -234,7 +234,7 @@ inline void Device::report(
 	// A thread that releases a mutex only for moments would keep commands from it for long.
 	while (mWaiting.load() > 0) std::this_thread::yield();
 	lock.lock();
-	if (answer != QOR_SIO_OK) mAbandoned = true;
+	if (answer == QOR_SIO_FAILURE) mAbandoned = true;
 }
 
 inline bool Device::sleepUntil(std::unique_lock<std::mutex>& lock, Pacer::Clock::time_point due) {

@@ -16,26 +16,27 @@ constexpr const char* kNameKey = "!genicam:str:FileName:"; // with the index of 
 } // namespace
 
 SequenceCamera::SequenceCamera() {
-	mProperties.addText("!vendorname", "qor");
-	mProperties.addText("!modelname", "Image sequence camera");
-	mProperties.addText("!manufacturerinfo", "plays numbered images of a folder");
-	mProperties.addText("!version", "1.0");
-	mProperties.addText("!firmwareversion", "1.0");
-	mProperties.addText("!deviceID", "seqcam-0");
+	mProperties.addText(QOR_SIO_KEY_VENDOR_NAME, "qor");
+	mProperties.addText(QOR_SIO_KEY_MODEL_NAME, "Image sequence camera");
+	mProperties.addText(QOR_SIO_KEY_MANUFACTURER_INFO, "plays numbered images of a folder");
+	mProperties.addText(QOR_SIO_KEY_VERSION, "1.0");
+	mProperties.addText(QOR_SIO_KEY_FIRMWARE_VERSION, "1.0");
+	mProperties.addText(QOR_SIO_KEY_DEVICE_ID, "seqcam-0");
 
 	const auto width = [this] { return std::to_string(first() ? first()->header.width : 0); };
 	const auto height = [this] { return std::to_string(first() ? first()->header.height : 0); };
 	const auto format = [this] {
 		return std::string(!first() ? "unknown" : first()->header.bytesPerPixel == 1 ? "Mono8" : "Mono16BigEndian");
 	};
-	for (const char* key : {"!width", "!maxwidth"}) mProperties.add(key, width);
-	for (const char* key : {"!height", "!maxheight"}) mProperties.add(key, height);
-	for (const char* key : {"!x", "!y", "!exposure", "!minexposure", "!maxexposure", "!gain", "!mingain", "!maxgain"})
+	for (const char* key : {QOR_SIO_KEY_WIDTH, QOR_SIO_KEY_MAX_WIDTH}) mProperties.add(key, width);
+	for (const char* key : {QOR_SIO_KEY_HEIGHT, QOR_SIO_KEY_MAX_HEIGHT}) mProperties.add(key, height);
+	for (const char* key : {QOR_SIO_KEY_X, QOR_SIO_KEY_Y, QOR_SIO_KEY_EXPOSURE, QOR_SIO_KEY_MIN_EXPOSURE,
+	         QOR_SIO_KEY_MAX_EXPOSURE, QOR_SIO_KEY_GAIN, QOR_SIO_KEY_MIN_GAIN, QOR_SIO_KEY_MAX_GAIN})
 		mProperties.addConstant(key, 0);
-	mProperties.add("!pixformat", format);
-	mProperties.addText("!pixformatconversion", "none");
-	mProperties.add("!framebytesize", [this] { return std::to_string(mFolder.largestFile()); });
-	mProperties.addNumber("!framerate", mFrameRate, [this](const std::string& text) {
+	mProperties.add(QOR_SIO_KEY_PIX_FORMAT, format);
+	mProperties.addText(QOR_SIO_KEY_PIX_FORMAT_CONVERSION, "none");
+	mProperties.add(QOR_SIO_KEY_FRAME_BYTE_SIZE, [this] { return std::to_string(mFolder.largestFile()); });
+	mProperties.addNumber(QOR_SIO_KEY_FRAME_RATE, mFrameRate, [this](const std::string& text) {
 		double rate = 0;
 		if (!plugin::parseNumber(text, &rate) || !(rate == 0 || rate >= 0.01) || rate > kMaximumFrameRate)
 			return plugin::kBadValue;
@@ -43,8 +44,8 @@ SequenceCamera::SequenceCamera() {
 		mRestartPace = true;
 		return plugin::kOk;
 	});
-	mProperties.addConstant("!minframerate", 0.0);
-	mProperties.addConstant("!maxframerate", kMaximumFrameRate);
+	mProperties.addConstant(QOR_SIO_KEY_MIN_FRAME_RATE, 0.0);
+	mProperties.addConstant(QOR_SIO_KEY_MAX_FRAME_RATE, kMaximumFrameRate);
 	mProperties.add(
 	    "!genicam:str:Folder", [this] { return plugin::quoted(mFolderName); },
 	    [this](const std::string& folder) { return setFolder(folder); });
@@ -92,17 +93,17 @@ Status SequenceCamera::allocate(const std::string& argument) {
 }
 
 Status SequenceCamera::operate(const std::string& operation, const std::string& argument) {
-	if (operation == "open") return scan();
-	if (operation == "start") return plugin::kOk;
-	if (operation == "allocbuffers") return allocate(argument);
-	if (operation == "prepare") {
+	if (operation == QOR_SIO_OP_OPEN) return scan();
+	if (operation == QOR_SIO_OP_START) return plugin::kOk;
+	if (operation == QOR_SIO_OP_ALLOC_BUFFERS) return allocate(argument);
+	if (operation == QOR_SIO_OP_PREPARE) {
 		if (mFolder.images().empty()) return plugin::kDamaged;
 		if (mRing.count() == 0) return plugin::kWrongState;
 		mNextNumber = 0;
 		mRestartPace = true;
 		return plugin::kOk;
 	}
-	if (operation == "releasebuffers" || operation == "close") {
+	if (operation == QOR_SIO_OP_RELEASE_BUFFERS || operation == QOR_SIO_OP_CLOSE) {
 		if (mState != State::open) return plugin::kWrongState;
 		mRing.release();
 		return plugin::kOk;

@@ -26,7 +26,7 @@ public:
 	SequenceCamera();
 
 protected:
-	const char* siotype() const override { return "CqorSIO_VideoCap"; }
+	const char* siotype() const override { return QOR_SIO_TYPE_CAMERA; }
 	std::optional<std::string> get(const std::string& key) override;
 	plugin::Status set(const std::string& key, const std::string& value) override {
 		return mProperties.set(key, value);

@@ -26,15 +26,15 @@ Camera::Camera(int index) : mSeed(index + 1) {
 }
 
 void Camera::addIdentity(int index) {
-	mProperties.addText("!vendorname", "qor");
-	mProperties.addText("!modelname", "Simulated camera");
-	mProperties.addText("!manufacturerinfo", "frames that can be checked byte by byte");
-	mProperties.addText("!version", "1.0");
-	mProperties.addText("!firmwareversion", "1.0");
-	mProperties.addText("!deviceID", "simcam-" + std::to_string(index));
-	mProperties.addAlias(feature("str", "DeviceVendorName"), "!vendorname");
-	mProperties.addAlias(feature("str", "DeviceModelName"), "!modelname");
-	mProperties.addAlias(feature("str", "DeviceID"), "!deviceID");
+	mProperties.addText(QOR_SIO_KEY_VENDOR_NAME, "qor");
+	mProperties.addText(QOR_SIO_KEY_MODEL_NAME, "Simulated camera");
+	mProperties.addText(QOR_SIO_KEY_MANUFACTURER_INFO, "frames that can be checked byte by byte");
+	mProperties.addText(QOR_SIO_KEY_VERSION, "1.0");
+	mProperties.addText(QOR_SIO_KEY_FIRMWARE_VERSION, "1.0");
+	mProperties.addText(QOR_SIO_KEY_DEVICE_ID, "simcam-" + std::to_string(index));
+	mProperties.addAlias(feature("str", "DeviceVendorName"), QOR_SIO_KEY_VENDOR_NAME);
+	mProperties.addAlias(feature("str", "DeviceModelName"), QOR_SIO_KEY_MODEL_NAME);
+	mProperties.addAlias(feature("str", "DeviceID"), QOR_SIO_KEY_DEVICE_ID);
 }
 
 void Camera::addRegionKey(const std::string& key, int Region::*member, const std::string& name) {
@@ -46,33 +46,33 @@ void Camera::addRegionKey(const std::string& key, int Region::*member, const std
 }
 
 void Camera::addGeometry() {
-	mProperties.addConstant("!maxwidth", kSensorWidth);
-	mProperties.addConstant("!maxheight", kSensorHeight);
-	mProperties.addAlias(feature("int32", "WidthMax"), "!maxwidth");
-	mProperties.addAlias(feature("int32", "HeightMax"), "!maxheight");
-	addRegionKey("!width", &Region::width, "Width");
-	addRegionKey("!height", &Region::height, "Height");
-	addRegionKey("!x", &Region::x, "OffsetX");
-	addRegionKey("!y", &Region::y, "OffsetY");
-	mProperties.add("!roi", nullptr, [this](const std::string& text) { return parseRegion(text, 4); });
-	mProperties.add("!roiex", nullptr, [this](const std::string& text) { return parseRegion(text, 6); });
-	mProperties.add("!framebytesize", [this] { return std::to_string(frameBytes()); });
-	mProperties.addAlias(feature("int32", "PayloadSize"), "!framebytesize");
-	mProperties.add("!pixformat", [this] { return std::string(mBytesPerPixel == 1 ? "Mono8" : "Mono16"); });
+	mProperties.addConstant(QOR_SIO_KEY_MAX_WIDTH, kSensorWidth);
+	mProperties.addConstant(QOR_SIO_KEY_MAX_HEIGHT, kSensorHeight);
+	mProperties.addAlias(feature("int32", "WidthMax"), QOR_SIO_KEY_MAX_WIDTH);
+	mProperties.addAlias(feature("int32", "HeightMax"), QOR_SIO_KEY_MAX_HEIGHT);
+	addRegionKey(QOR_SIO_KEY_WIDTH, &Region::width, "Width");
+	addRegionKey(QOR_SIO_KEY_HEIGHT, &Region::height, "Height");
+	addRegionKey(QOR_SIO_KEY_X, &Region::x, "OffsetX");
+	addRegionKey(QOR_SIO_KEY_Y, &Region::y, "OffsetY");
+	mProperties.add(QOR_SIO_KEY_ROI, nullptr, [this](const std::string& text) { return parseRegion(text, 4); });
+	mProperties.add(QOR_SIO_KEY_ROI_EX, nullptr, [this](const std::string& text) { return parseRegion(text, 6); });
+	mProperties.add(QOR_SIO_KEY_FRAME_BYTE_SIZE, [this] { return std::to_string(frameBytes()); });
+	mProperties.addAlias(feature("int32", "PayloadSize"), QOR_SIO_KEY_FRAME_BYTE_SIZE);
+	mProperties.add(QOR_SIO_KEY_PIX_FORMAT, [this] { return std::string(mBytesPerPixel == 1 ? "Mono8" : "Mono16"); });
 	mProperties.add(
 	    feature("str", "PixelFormat"), [this] { return std::string(mBytesPerPixel == 1 ? "Mono8" : "Mono16"); },
 	    [this](const std::string& name) { return setPixelFormat(name); });
-	mProperties.addText("!pixformatconversion", "none");
+	mProperties.addText(QOR_SIO_KEY_PIX_FORMAT_CONVERSION, "none");
 }
 
 void Camera::addExposure() {
-	mProperties.addSetting("!exposure", mExposure, 1, 10000000);
-	mProperties.addConstant("!minexposure", 1);
-	mProperties.addConstant("!maxexposure", 10000000);
-	mProperties.addSetting("!gain", mGain, 0, 48);
-	mProperties.addConstant("!mingain", 0);
-	mProperties.addConstant("!maxgain", 48);
-	mProperties.addNumber("!framerate", mFrameRate, [this](const std::string& text) {
+	mProperties.addSetting(QOR_SIO_KEY_EXPOSURE, mExposure, 1, 10000000);
+	mProperties.addConstant(QOR_SIO_KEY_MIN_EXPOSURE, 1);
+	mProperties.addConstant(QOR_SIO_KEY_MAX_EXPOSURE, 10000000);
+	mProperties.addSetting(QOR_SIO_KEY_GAIN, mGain, 0, 48);
+	mProperties.addConstant(QOR_SIO_KEY_MIN_GAIN, 0);
+	mProperties.addConstant(QOR_SIO_KEY_MAX_GAIN, 48);
+	mProperties.addNumber(QOR_SIO_KEY_FRAME_RATE, mFrameRate, [this](const std::string& text) {
 		double rate = 0;
 		// Below a frame in a hundred seconds only 0 has a meaning: no pacing at all.
 		if (!plugin::parseNumber(text, &rate) || !(rate == 0 || rate >= 0.01) || rate > kMaximumFrameRate)
@@ -81,12 +81,12 @@ void Camera::addExposure() {
 		mRestartPace = true;
 		return plugin::kOk;
 	});
-	mProperties.addConstant("!minframerate", 0.0);
-	mProperties.addConstant("!maxframerate", kMaximumFrameRate);
-	mProperties.addSetting("!gige_packet_size", mPacketSize, 576, 9000);
-	mProperties.addAlias(feature("float32", "AcquisitionFrameRate"), "!framerate");
-	mProperties.addAlias(feature("int32", "ExposureTime"), "!exposure");
-	mProperties.addAlias(feature("int32", "Gain"), "!gain");
+	mProperties.addConstant(QOR_SIO_KEY_MIN_FRAME_RATE, 0.0);
+	mProperties.addConstant(QOR_SIO_KEY_MAX_FRAME_RATE, kMaximumFrameRate);
+	mProperties.addSetting(QOR_SIO_KEY_GIGE_PACKET_SIZE, mPacketSize, 576, 9000);
+	mProperties.addAlias(feature("float32", "AcquisitionFrameRate"), QOR_SIO_KEY_FRAME_RATE);
+	mProperties.addAlias(feature("int32", "ExposureTime"), QOR_SIO_KEY_EXPOSURE);
+	mProperties.addAlias(feature("int32", "Gain"), QOR_SIO_KEY_GAIN);
 }
 
 void Camera::addFeatures() {
@@ -179,15 +179,15 @@ Status Camera::allocate(const std::string& argument) {
 }
 
 Status Camera::operate(const std::string& operation, const std::string& argument) {
-	if (operation == "open" || operation == "start") return plugin::kOk;
-	if (operation == "allocbuffers") return allocate(argument);
-	if (operation == "prepare") {
+	if (operation == QOR_SIO_OP_OPEN || operation == QOR_SIO_OP_START) return plugin::kOk;
+	if (operation == QOR_SIO_OP_ALLOC_BUFFERS) return allocate(argument);
+	if (operation == QOR_SIO_OP_PREPARE) {
 		if (mRing.count() == 0) return plugin::kWrongState;
 		mNextNumber = mDelivered = 0;
 		mRestartPace = true;
 		return plugin::kOk;
 	}
-	if (operation == "releasebuffers" || operation == "close") {
+	if (operation == QOR_SIO_OP_RELEASE_BUFFERS || operation == QOR_SIO_OP_CLOSE) {
 		if (mState != State::open) return plugin::kWrongState;
 		mRing.release();
 		return plugin::kOk;

@@ -19,7 +19,7 @@ public:
 	explicit Camera(int index);
 
 protected:
-	const char* siotype() const override { return "CqorSIO_VideoCap"; }
+	const char* siotype() const override { return QOR_SIO_TYPE_CAMERA; }
 	std::optional<std::string> get(const std::string& key) override { return mProperties.get(key); }
 	plugin::Status set(const std::string& key, const std::string& value) override;
 	plugin::Status operate(const std::string& operation, const std::string& argument) override;

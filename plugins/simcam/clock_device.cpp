@@ -5,13 +5,13 @@
 using plugin::Status;
 
 ClockDevice::ClockDevice() {
-	mProperties.addText("!vendorinfo", "qor");
-	mProperties.addText("!modelname", "Simulated timing device");
-	mProperties.addText("!manufacturerinfo", "UTC and a steady clock");
-	mProperties.addText("!version", "1.0");
-	mProperties.addText("!firmwareversion", "1.0");
-	mProperties.addText("!deviceID", "simclock-0");
-	mProperties.add("!time", [this] { return timeText(); });
+	mProperties.addText(QOR_SIO_KEY_VENDOR_INFO, "qor");
+	mProperties.addText(QOR_SIO_KEY_MODEL_NAME, "Simulated timing device");
+	mProperties.addText(QOR_SIO_KEY_MANUFACTURER_INFO, "UTC and a steady clock");
+	mProperties.addText(QOR_SIO_KEY_VERSION, "1.0");
+	mProperties.addText(QOR_SIO_KEY_FIRMWARE_VERSION, "1.0");
+	mProperties.addText(QOR_SIO_KEY_DEVICE_ID, "simclock-0");
+	mProperties.add(QOR_SIO_KEY_TIME, [this] { return timeText(); });
 	mProperties.addSetting("!genicam:float32:EventRate", mEventRate, 0.01, 10000.0);
 }
 
@@ -22,7 +22,8 @@ Status ClockDevice::set(const std::string& key, const std::string& value) {
 
 Status ClockDevice::operate(const std::string& operation, const std::string&) {
 	mRestartPace = true;
-	const bool known = operation == "open" || operation == "close" || operation == "prepare" || operation == "start";
+	const bool known = operation == QOR_SIO_OP_OPEN || operation == QOR_SIO_OP_CLOSE ||
+	                   operation == QOR_SIO_OP_PREPARE || operation == QOR_SIO_OP_START;
 	return known ? plugin::kOk : plugin::kUnknown;
 }
 

@@ -12,7 +12,7 @@ public:
 	ClockDevice();
 
 protected:
-	const char* siotype() const override { return "CqorSIO_TimeCap"; }
+	const char* siotype() const override { return QOR_SIO_TYPE_TIMING_DEVICE; }
 	std::optional<std::string> get(const std::string& key) override { return mProperties.get(key); }
 	plugin::Status set(const std::string& key, const std::string& value) override;
 	plugin::Status operate(const std::string& operation, const std::string& argument) override;

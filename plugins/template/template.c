@@ -28,7 +28,7 @@ typedef struct Camera {
 	int exposure;
 	unsigned char* frame; /* the only frame buffer */
 	uint64_t frameNumber;
-	void* object;         /* the library's object, */
+	void* object;         /* by which the library knows its object: an identity, not an address; */
 	qorSIO_Func callback; /* and the function that takes its events */
 } Camera;
 
@@ -73,33 +73,33 @@ static int trigger(Camera* camera) {
 
 /* The operations: "open," "allocbuffers,4" "start," and so on. */
 static int operate(Camera* camera, const char* operation) {
-	if (strcmp(operation, "open") == 0) {
+	if (strcmp(operation, QOR_SIO_OP_OPEN) == 0) {
 		if (camera->state != CLOSED) return STATUS_WRONG_STATE;
 		camera->state = OPEN;
 		return STATUS_OK;
 	}
 	if (camera->state == CLOSED) return STATUS_WRONG_STATE;
-	if (strcmp(operation, "allocbuffers") == 0) {
+	if (strcmp(operation, QOR_SIO_OP_ALLOC_BUFFERS) == 0) {
 		if (!camera->frame) camera->frame = (unsigned char*)malloc(FRAME_BYTES);
 		return camera->frame ? STATUS_OK : STATUS_NO_MEMORY;
 	}
-	if (strcmp(operation, "prepare") == 0) {
+	if (strcmp(operation, QOR_SIO_OP_PREPARE) == 0) {
 		if (camera->state != OPEN || !camera->frame) return STATUS_WRONG_STATE;
 		camera->frameNumber = 0;
 		camera->state = PREPARED;
 		return STATUS_OK;
 	}
-	if (strcmp(operation, "start") == 0) {
+	if (strcmp(operation, QOR_SIO_OP_START) == 0) {
 		if (camera->state != PREPARED) return STATUS_WRONG_STATE;
 		camera->state = RUNNING;
 		return STATUS_OK;
 	}
-	if (strcmp(operation, "stop") == 0) {
+	if (strcmp(operation, QOR_SIO_OP_STOP) == 0) {
 		camera->state = OPEN; /* here a real camera waits for the end of its thread */
 		return STATUS_OK;
 	}
 	if (camera->state != OPEN) return STATUS_WRONG_STATE;
-	if (strcmp(operation, "releasebuffers") == 0 || strcmp(operation, "close") == 0) {
+	if (strcmp(operation, QOR_SIO_OP_RELEASE_BUFFERS) == 0 || strcmp(operation, QOR_SIO_OP_CLOSE) == 0) {
 		free(camera->frame);
 		camera->frame = NULL;
 		if (operation[0] == 'c') camera->state = CLOSED;
@@ -110,11 +110,11 @@ static int operate(Camera* camera, const char* operation) {
 
 /* "set,<key>,<value>": the answer is a status. */
 static int set(Camera* camera, const char* key, const char* value) {
-	if (strcmp(key, "!exposure") == 0) {
+	if (strcmp(key, QOR_SIO_KEY_EXPOSURE) == 0) {
 		camera->exposure = atoi(value);
 		return STATUS_OK;
 	}
-	if (strcmp(key, "!genicam:cmd:TriggerSoftware") == 0) return trigger(camera);
+	if (strcmp(key, QOR_SIO_KEY_FEATURE_COMMAND "TriggerSoftware") == 0) return trigger(camera);
 	return STATUS_UNKNOWN;
 }
 
@@ -124,14 +124,16 @@ static int get(const Camera* camera, const char* key, char* value, size_t size) 
 	static const struct {
 		const char* key;
 		const char* value;
-	} texts[] = {{"!vendorname", "Example"}, {"!modelname", "Template camera"}, {"!manufacturerinfo", "grey ramp"},
-	    {"!version", "1.0"}, {"!firmwareversion", "1.0"}, {"!deviceID", "template-0"}, {"!pixformat", "Mono8"},
-	    {"!pixformatconversion", "none"}};
+	} texts[] = {{QOR_SIO_KEY_VENDOR_NAME, "Example"}, {QOR_SIO_KEY_MODEL_NAME, "Template camera"},
+	    {QOR_SIO_KEY_MANUFACTURER_INFO, "grey ramp"}, {QOR_SIO_KEY_VERSION, "1.0"},
+	    {QOR_SIO_KEY_FIRMWARE_VERSION, "1.0"}, {QOR_SIO_KEY_DEVICE_ID, "template-0"}, {QOR_SIO_KEY_PIX_FORMAT, "Mono8"},
+	    {QOR_SIO_KEY_PIX_FORMAT_CONVERSION, "none"}};
 	const struct {
 		const char* key;
 		int value;
-	} numbers[] = {{"!maxwidth", WIDTH}, {"!maxheight", HEIGHT}, {"!width", WIDTH}, {"!height", HEIGHT}, {"!x", 0},
-	    {"!y", 0}, {"!framebytesize", FRAME_BYTES}, {"!exposure", camera->exposure}};
+	} numbers[] = {{QOR_SIO_KEY_MAX_WIDTH, WIDTH}, {QOR_SIO_KEY_MAX_HEIGHT, HEIGHT}, {QOR_SIO_KEY_WIDTH, WIDTH},
+	    {QOR_SIO_KEY_HEIGHT, HEIGHT}, {QOR_SIO_KEY_X, 0}, {QOR_SIO_KEY_Y, 0},
+	    {QOR_SIO_KEY_FRAME_BYTE_SIZE, FRAME_BYTES}, {QOR_SIO_KEY_EXPOSURE, camera->exposure}};
 	size_t i;
 	for (i = 0; i < sizeof texts / sizeof texts[0]; ++i) {
 		if (strcmp(key, texts[i].key) != 0) continue;
@@ -187,7 +189,7 @@ static int cameraFunction(void* context, unsigned long code, unsigned long a, un
 	(void)b;
 	switch (code) {
 	case qorSIO_OBJ_INFORMATION:
-		snprintf((char*)p1, QOR_SIO_INFORMATION_SIZE, "!siotype,CqorSIO_VideoCap");
+		snprintf((char*)p1, QOR_SIO_INFORMATION_SIZE, QOR_SIO_KEY_TYPE "," QOR_SIO_TYPE_CAMERA);
 		return QOR_SIO_OK;
 	case qorSIO_OBJ_ATTACH:
 		camera->object = p1;

@@ -41,9 +41,9 @@ CstFile::CstFile() = default;
 
 CstFile::~CstFile() {
 	base::ObjectWatch::objectGone(mWatches); // operations whose callback destroys the file
-	Close();
+	closeNow();
 	mCallBack = nullptr;
-	Close(); // what the callback opened
+	closeNow(); // what the callback opened
 }
 
 unsigned long CstFile::Open(const char* path, unsigned long disposition, unsigned long access, unsigned long share) {
@@ -81,7 +81,7 @@ unsigned long CstFile::OpenFromMemory(void* block, unsigned long size) {
 }
 
 unsigned long CstFile::openWith(CstFileBackEnd backEnd, base::FileOpenRecord& record, bool disk) {
-	if (mChanges != 0) return kFileNotOpen;
+	if (isWriterCalling() || mChanges != 0) return kFileNotOpen;
 	unsigned long error = kFileNoMemory;
 	{
 		const Change change(*this);
@@ -108,10 +108,17 @@ unsigned long CstFile::openWith(CstFileBackEnd backEnd, base::FileOpenRecord& re
 }
 
 unsigned long CstFile::Close() {
-	bool closed = false;
-	if (endAll(&closed) && closed) notify(kCallBackClosed);
+	if (!isWriterCalling()) closeNow();
 	return 0;
 }
+
+void CstFile::closeNow() {
+	bool closed = false;
+	if (endAll(&closed) && closed) notify(kCallBackClosed);
+}
+
+/// Whether this is the thread of a writer that calls the host back: it is not the file's user.
+bool CstFile::isWriterCalling() const { return base::FileStream::isCallingFor(this); }
 
 /// Ends streaming and closes what is open.
 /// @param closed receives whether there was something.
@@ -132,14 +139,14 @@ void CstFile::forgetFile() {
 }
 
 unsigned long CstFile::Write(const void* data, unsigned long n) {
-	if (!mHandle || (mStreamFlags & kReadStreaming)) return 0;
+	if (isWriterCalling() || !mHandle || (mStreamFlags & kReadStreaming)) return 0;
 	auto* bytes = const_cast<void*>(data); // one pointer serves both directions
 	if (!notify(kCallBackWrite, n, bytes) || !mHandle || (mStreamFlags & kReadStreaming)) return 0;
 	return writeStreaming() ? mStream->write(data, n) : callBackEnd(base::kCodeWrite, n, bytes);
 }
 
 unsigned long CstFile::Read(void* buffer, unsigned long n) {
-	if (!mHandle || writeStreaming()) return 0;
+	if (isWriterCalling() || !mHandle || writeStreaming()) return 0;
 	if (!notify(kCallBackRead, n, buffer) || !mHandle || writeStreaming()) return 0;
 	return callBackEnd(base::kCodeRead, n, buffer);
 }
@@ -206,7 +213,7 @@ unsigned long CstFile::callBackEnd(unsigned long code, unsigned long b, void* p)
 }
 
 unsigned long CstFile::PrepareForStreaming(unsigned long bufferKiB, unsigned long count, unsigned long mode) {
-	if (mChanges != 0) return kFileNotOpen;
+	if (isWriterCalling() || mChanges != 0) return kFileNotOpen;
 	{
 		const Change change(*this);
 		if (!notify(kCallBackPrepareBegin) || (mStream && !finish())) return kFileNotOpen;
@@ -221,7 +228,7 @@ unsigned long CstFile::PrepareForStreaming(unsigned long bufferKiB, unsigned lon
 }
 
 unsigned long CstFile::FinishStreaming() {
-	finish();
+	if (!isWriterCalling()) finish();
 	return kQorSuccess;
 }
 
@@ -253,10 +260,12 @@ bool CstFile::endStreaming() {
 	return here;
 }
 
-estFILE_STREAM_BUFFER* CstFile::FlushToNextBuffer() { return mStream ? mStream->next() : nullptr; }
+estFILE_STREAM_BUFFER* CstFile::FlushToNextBuffer() {
+	return mStream && !isWriterCalling() ? mStream->next() : nullptr;
+}
 
 unsigned long CstFile::FlushBuffer(estFILE_STREAM_BUFFER* buffer) {
-	if (!mStream || !mStream->owns(buffer)) return kQorFailure;
+	if (isWriterCalling() || !mStream || !mStream->owns(buffer)) return kQorFailure;
 	if (base::FileStream::isWriters(*buffer)) return kQorSuccess;
 	auto* stream = mStream->share(); // a callback may end it
 	flushHere(*stream, *buffer, true);
@@ -276,7 +285,8 @@ bool CstFile::flushHere(base::FileStream& stream, estFILE_STREAM_BUFFER& buffer,
 }
 
 unsigned long CstFile::ResetBuffer(estFILE_STREAM_BUFFER* buffer) {
-	if (!mStream || !mStream->owns(buffer) || base::FileStream::isWriters(*buffer)) return kQorFailure;
+	if (isWriterCalling() || !mStream || !mStream->owns(buffer) || base::FileStream::isWriters(*buffer))
+		return kQorFailure;
 	mStream->markFree(*buffer);
 	return kQorSuccess;
 }

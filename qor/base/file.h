@@ -23,10 +23,11 @@ struct FileOpenRecord;
 /// - While `Open` and its kin, `Close` or `PrepareForStreaming` are under way (in their calls
 ///   before the last), the file cannot be opened or armed anew: `Open` and
 ///   `PrepareForStreaming` answer `kFileNotOpen` there and do nothing.
-/// - 10 and 11 come from the writer's thread while it runs. It is not the thread that uses the
-///   file, so only getters and `SetCallBack` may be called beside that. If nobody uses the file
-///   meanwhile, it may also be closed, finished or destroyed there: the writer is left to
-///   itself then, writes what is queued without further calls and closes the file.
+/// - 10 and 11 come from the writer's thread while it runs, beside the thread that uses the file.
+///   Getters, `Seek` and `SetCallBack` may be called there; the rest does nothing and answers as
+///   for a closed file (`Close` and `FinishStreaming`: 0). Destroying the file is left to a host
+///   that does not use it meanwhile: the writer then writes what is queued without further
+///   calls and closes it.
 ///   What is still queued when `FinishStreaming` has stopped the writer, and what `FlushBuffer`
 ///   writes, is reported on the caller's thread.
 using CstFileCallBack = unsigned long (*)(
@@ -245,6 +246,8 @@ private:
 	bool notify(unsigned long code, unsigned long a = 0, void* p = nullptr);
 	unsigned long openWith(CstFileBackEnd backEnd, base::FileOpenRecord& record, bool disk);
 	unsigned long callBackEnd(unsigned long code, unsigned long b, void* p) const;
+	void closeNow();
+	bool isWriterCalling() const;
 	bool endAll(bool* closed);
 	void forgetFile();
 	bool finish();

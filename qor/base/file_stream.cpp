@@ -1,4 +1,3 @@
-#include "../platform/machine.h"
 #include "../platform/memory.h"
 #include "../platform/thread.h"
 
@@ -22,6 +21,9 @@ constexpr uint32_t kRingWaitMs = 1000;  // bound of a wait for the ring's mutex
 constexpr int32_t kMostWakeUps = 10000; // of the semaphore, unless there are more buffers
 
 uint64_t roundToBlock(uint64_t bytes) { return (bytes + kBlockSize - 1) / kBlockSize * kBlockSize; }
+
+/// The file whose callback this writer's thread is in.
+thread_local const CstFile* calledFile = nullptr;
 
 /// Hosts can reach the record, so its free bytes are never trusted beyond the buffer.
 uint32_t freeBytes(const estFILE_STREAM_BUFFER& buffer) { return std::min(buffer.mFree.load(), buffer.mCapacity); }
@@ -134,7 +136,6 @@ unsigned FileStream::writerThread(void* stream) {
 }
 
 void FileStream::runWriter() {
-	mWriterId = platform::threadId();
 	bool awake = true;
 	do {
 		awake = platform::wait(mSemaphore, platform::kInfinite) == platform::kWaitAcquired;
@@ -152,7 +153,7 @@ bool FileStream::stopWriter() {
 	mWriterState.compare_exchange_strong(running, kStopRequested);
 	// The writer may have taken the last buffer before it could see the request.
 	platform::releaseSemaphore(mSemaphore, 1, nullptr);
-	const bool itself = mWriterId == platform::threadId(); // in one of its callbacks: it cannot end meanwhile
+	const bool itself = isCallingFor(mFile); // its callback destroys the file: it cannot end meanwhile
 	if (!itself && platform::wait(mThread.get(), streamStopBudgetMs) == platform::kWaitAcquired) return true;
 	uint32_t requested = kStopRequested;
 	return !mWriterState.compare_exchange_strong(requested, kAbandoned);
@@ -267,7 +268,11 @@ bool FileStream::isWriters(const estFILE_STREAM_BUFFER& buffer) {
 void FileStream::notify(unsigned long code, unsigned long a, estFILE_STREAM_BUFFER& buffer) {
 	const auto callBack = mCallBack.load();
 	if (!callBack || mWriterState == kAbandoned) return;
+	calledFile = mFile;
 	callHost("CstFile", [&] { callBack(mFile, code, 0, a, &buffer); });
+	calledFile = nullptr;
 }
+
+bool FileStream::isCallingFor(const CstFile* file) { return calledFile == file; }
 
 } // namespace base

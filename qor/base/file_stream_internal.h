@@ -81,6 +81,9 @@ public:
 	static bool isWriters(const estFILE_STREAM_BUFFER& buffer);
 	void markFree(estFILE_STREAM_BUFFER& buffer);
 
+	/// Whether the calling thread is a writer inside the host's callback for that file.
+	static bool isCallingFor(const CstFile* file);
+
 	void setCallBack(CstFileCallBack callBack) { mCallBack = callBack; }
 	void setPackSize(uint32_t bytes) { mPackSize = bytes; }
 
@@ -101,7 +104,6 @@ private:
 	std::atomic<CstFileCallBack> mCallBack;
 	std::atomic<uint32_t> mPackSize; // bytes
 	std::atomic<int> mReferences{1};
-	std::atomic<uint32_t> mWriterId{0}; // thread number
 	OwnedHandle mOwnedMutex;
 	OwnedHandle mOwnedSemaphore;
 	OwnedHandle mThread;

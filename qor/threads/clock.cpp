@@ -1,5 +1,6 @@
 #include "clock.h"
 
+#include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../platform/clock.h"
 #include "../platform/wait.h"
@@ -33,6 +34,8 @@ uint32_t sleepTime(int32_t milliseconds) { return static_cast<uint32_t>(std::max
 double effectivePeriod(double rate, int32_t sleepMs) { return 1.0 / rate - sleepMs * 0.001; }
 
 } // namespace
+
+CstxClock::CstxClock() = default;
 
 CstxClock::~CstxClock() {
 	Destroy();
@@ -113,7 +116,8 @@ int CstxClock::StartClockWorker() {
 int CstxClock::StopWaitWorker() {
 	if (!has(kCreated) || !requestStop(mWaitState)) return kQorSuccess;
 	platform::pulseEvent(mEvent.load(std::memory_order_acquire));
-	for (int i = 0; i < kWaitStopPulses && stopPending(mWaitState); ++i) {
+	const int pulses = mWaitThread && mWaitThread->isCurrent() ? 0 : kWaitStopPulses;
+	for (int i = 0; i < pulses && stopPending(mWaitState); ++i) {
 		platform::pulseEvent(mEvent.load(std::memory_order_acquire));
 		platform::sleepMs(kStopLookMs);
 	}
@@ -122,6 +126,7 @@ int CstxClock::StopWaitWorker() {
 
 int CstxClock::StopClockWorker() {
 	if (!has(kCreated) || !requestStop(mClockState)) return kQorSuccess;
+	if (mClockThread && mClockThread->isCurrent()) return kQorFailure; // ends behind its callback
 	const uint32_t sleep = sleepTime(mSleepMs.load(std::memory_order_relaxed));
 	platform::sleepMs(std::min(sleep, 0x7FFFFFFFu) * 2);
 	for (int i = 0; i < kClockStopLooks && stopPending(mClockState); ++i) platform::sleepMs(kStopLookMs);
@@ -200,7 +205,7 @@ bool CstxClock::call(WorkerThread& thread, CallBackFunction callback) {
 	const uint32_t count = mTickCount.load(std::memory_order_relaxed);
 	const uint32_t reserved = mReserved.load(std::memory_order_relaxed);
 	thread.away();
-	callback(this, time, count, reserved);
+	base::callHost("CstxClock", [&] { callback(this, time, count, reserved); });
 	return thread.back();
 }
 

@@ -27,8 +27,9 @@ class WorkerThread;
 /// of 1000 / `sleepMs` Hz or more leaves no period and makes the clock worker run through.
 ///
 /// Times are seconds: counter / counter frequency. `Create`, `Destroy`, `Start`, `Stop` and the
-/// destructor belong to one thread at a time; everything else may be called from any thread.
-/// Callback results are ignored.
+/// destructor belong to one thread at a time, which may be that of a callback; everything else
+/// may be called from any thread. Callback results are ignored. A callback gets nothing from its
+/// host but the clock, so there is no context that could change beside it.
 class QOR_API CstxClock {
 public:
 	/// @param time     seconds since `Start` or the last `Reset`; 0.0 while the clock is not running.
@@ -36,7 +37,7 @@ public:
 	/// @param reserved 0.
 	using CallBackFunction = int (*)(CstxClock* sender, double time, unsigned long count, unsigned long reserved);
 
-	CstxClock() = default;
+	CstxClock();
 
 	/// As `Destroy`. A worker whose callback has not returned 5 s after the stop is left to
 	/// end by itself and does not touch this object again.
@@ -69,6 +70,7 @@ public:
 	int Start();
 
 	/// Stops the wait worker (at most about 3 s), then the clock worker (at most about 10 s).
+	/// Within a callback it does not wait for the worker that makes the call.
 	/// @return 0; 0x10000000 for a clock that is not running, or when a worker did not stop in
 	///         time, as in a call from a callback: it ends when its callback returns.
 	int Stop();
@@ -94,7 +96,9 @@ public:
 	/// Priorities take effect at the next `Start`: -15 (idle) to 15 (time critical), 0 normal. @return always 0.
 	int SetClockThreadPriority(int priority);
 	int SetWaitThreadPriority(int priority);
-	/// Called on the clock worker for every tick that is not paused. @return always 0.
+	/// Called on the clock worker for every tick that is not paused. When it returns, a call of the
+	/// former function may still be running or about to begin; so it is with the tick callback
+	/// that `Create` replaces on a running clock. @return always 0.
 	int SetOnExecutionCallBack(CallBackFunction callback);
 
 private:
@@ -136,5 +140,6 @@ private:
 	std::atomic<CallBackFunction> mExecutionCallback{nullptr};
 	threads::WorkerThread* mClockThread = nullptr;
 	threads::WorkerThread* mWaitThread = nullptr;
+	void* mSpare[2] = {};
 	CstmLinearArray mFormerEvents{sizeof(platform::WaitHandle)}; // of Create on a created clock
 };

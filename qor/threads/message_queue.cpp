@@ -1,7 +1,6 @@
 #include "message_queue.h"
 
 #include "../base/status.h"
-#include "../platform/machine.h"
 #include "../platform/memory.h"
 #include "../platform/wait.h"
 #include "light_lock_internal.h"
@@ -10,7 +9,10 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <new>
 #include <utility>
+
+using threads::QueueMachinery;
 
 namespace {
 
@@ -34,6 +36,10 @@ std::atomic<uint32_t> foreignFrees{0};
 /// How many items ahead of their turn `fetch` is told of them: a line takes longer to come from
 /// another processor than the queue spends on an item.
 constexpr int kAhead = 3;
+constexpr uint32_t kAheadAlone = 3;
+
+/// Items whose pool and list have sizes that can be counted.
+constexpr int kMaximumCapacity = INT32_MAX / 4;
 
 /// Brings the lines that most messages use closer.
 void fetch(eqor_QUEUE_ITEM& item) {
@@ -50,75 +56,22 @@ void fillWords(
 	item.mIntegers[1] = static_cast<int32_t>(i2);
 }
 
-constexpr uint32_t kGiveUpLookMs = 10;
-
-/// Waits for the mutex of a host. @return as `platform::wait`; a time-out when `giveUp` said so.
-uint32_t waitForMutex(platform::WaitHandle mutex, const std::atomic<bool>* giveUp) {
-	if (!giveUp) return platform::wait(mutex, platform::kInfinite);
-	uint32_t result = platform::kWaitTimeout;
-	while (result == platform::kWaitTimeout && !giveUp->load(std::memory_order_acquire))
-		result = platform::wait(mutex, kGiveUpLookMs);
-	return result;
-}
-
 } // namespace
 
-namespace threads {
-
-bool HostLock::lock(platform::WaitHandle mutex, const std::atomic<bool>* giveUp) {
-	const uint32_t result = waitForMutex(mutex, giveUp);
-	if (result != platform::kWaitAcquired && result != platform::kWaitAbandoned) return false;
-	const uint32_t self = platform::threadId();
-	lockWord(mWord);
-	// A mutex left by a thread that ended starts anew, also when its number is in use again.
-	if (result == platform::kWaitAbandoned || mHolder.load(std::memory_order_relaxed) != self) mHolderDepth = 0;
-	mHolder.store(self, std::memory_order_relaxed);
-	++mHolderDepth;
-	unlockWord(mWord);
-	return true;
+Cqor_MsgQueue::Cqor_MsgQueue() : mMutex(platform::createMutex(false)) {
+	static_assert(sizeof(QueueMachinery) <= sizeof mMachinery);
+	new (mMachinery) QueueMachinery;
 }
-
-void HostLock::unlock(platform::WaitHandle mutex) {
-	lockWord(mWord);
-	if (mHolder.load(std::memory_order_relaxed) == platform::threadId() && --mHolderDepth == 0)
-		mHolder.store(0, std::memory_order_relaxed);
-	unlockWord(mWord);
-	platform::releaseMutex(mutex);
-}
-
-bool HostLock::enter(platform::WaitHandle mutex, const std::atomic<bool>* giveUp) {
-	lockWord(mWord);
-	const uint32_t holder = mHolder.load(std::memory_order_relaxed);
-	if (holder == 0 || holder == platform::threadId()) return true;
-	unlockWord(mWord);
-	const uint32_t result = waitForMutex(mutex, giveUp);
-	if (result == platform::kWaitTimeout) return false;
-	const bool owns = result != platform::kWaitFailed;
-	lockWord(mWord);
-	mOperationHasMutex = owns;
-	if (owns) mHolder.store(0, std::memory_order_relaxed); // a number still there is of a thread that ended
-	return true;
-}
-
-void HostLock::leave(platform::WaitHandle mutex) {
-	const bool owns = mOperationHasMutex;
-	if (owns) mOperationHasMutex = false;
-	unlockWord(mWord);
-	if (owns) platform::releaseMutex(mutex);
-}
-
-} // namespace threads
-
-Cqor_MsgQueue::Cqor_MsgQueue() : mMutex(platform::createMutex(false)) {}
 
 Cqor_MsgQueue::~Cqor_MsgQueue() {
 	Destroy();
 	platform::closeHandle(mMutex);
+	QueueMachinery::of(*this).~QueueMachinery();
 }
 
 int Cqor_MsgQueue::Create(int capacity) {
 	Destroy();
-	if (capacity < 0) return kQorFailure;
+	if (capacity < 0 || capacity > kMaximumCapacity) return kQorFailure;
 	const size_t places = static_cast<size_t>(capacity);
 	auto* items = static_cast<eqor_QUEUE_ITEM*>(platform::allocate(places * sizeof(eqor_QUEUE_ITEM)));
 	auto* pending = static_cast<eqor_QUEUE_ITEM**>(platform::allocate(
@@ -130,7 +83,7 @@ int Cqor_MsgQueue::Create(int capacity) {
 	}
 	mItems = items;
 	mPending = pending;
-	mFreeMap = reinterpret_cast<uint64_t*>(pending + capacity);
+	QueueMachinery::of(*this).freeMap = reinterpret_cast<uint64_t*>(pending + capacity);
 	mCapacity = capacity;
 	Reset();
 	return kQorSuccess;
@@ -142,12 +95,8 @@ void Cqor_MsgQueue::Destroy() { platform::release(detachItems()); }
 eqor_QUEUE_ITEM* Cqor_MsgQueue::detachItems() {
 	platform::release(mPending);
 	mPending = nullptr;
-	mFreeMap = nullptr;
 	mCapacity = 0;
-	mCount.store(0, std::memory_order_relaxed);
-	mClaimed.store(0, std::memory_order_relaxed);
-	mFirst = 0;
-	mFreeHint = 0;
+	QueueMachinery::of(*this).restart();
 	return std::exchange(mItems, nullptr);
 }
 
@@ -155,10 +104,11 @@ void Cqor_MsgQueue::Reset() {
 	if (!mItems) return;
 	Section section(*this);
 	std::memset(mItems, 0, static_cast<size_t>(mCapacity) * sizeof(eqor_QUEUE_ITEM));
-	mCount.store(0, std::memory_order_relaxed);
-	mFirst = 0;
+	QueueMachinery::of(*this).emptyList();
 	rebuildFreeMap();
 }
+
+int Cqor_MsgQueue::GetPendingCount() const { return QueueMachinery::of(*this).pending(); }
 
 eqor_QUEUE_ITEM* Cqor_MsgQueue::GetFreeItem(int keepLocked) {
 	if (keepLocked) Lock();
@@ -180,7 +130,7 @@ void Cqor_MsgQueue::FreeItem(eqor_QUEUE_ITEM* item) {
 int Cqor_MsgQueue::AddToStack(eqor_QUEUE_ITEM* item) {
 	if (!item) return -1;
 	Section section(*this);
-	return appendLocked(item) ? mCount.load(std::memory_order_relaxed) : -1;
+	return appendLocked(item) ? GetPendingCount() : -1;
 }
 
 eqor_QUEUE_ITEM* Cqor_MsgQueue::Get() {
@@ -230,55 +180,117 @@ int Cqor_MsgQueue::Add(
 	return AddIntAndPtr(w1, w2, w3, i1, i2, p1, p2);
 }
 
-void Cqor_MsgQueue::Lock() { mLock.lock(mMutex); }
+void Cqor_MsgQueue::Lock() { QueueMachinery::of(*this).lock.lock(mMutex); }
 
-void Cqor_MsgQueue::Unlock() { mLock.unlock(mMutex); }
+void Cqor_MsgQueue::Unlock() { QueueMachinery::of(*this).lock.unlock(mMutex); }
 
 eqor_QUEUE_ITEM* Cqor_MsgQueue::claimLocked() {
+	auto& m = QueueMachinery::of(*this);
 	adoptForeignFrees();
+	sweepLocked();
 	const int words = mapWords(mCapacity);
-	while (mFreeHint < words && mFreeMap[mFreeHint] == 0) ++mFreeHint;
-	if (mFreeHint >= words) return nullptr;
-	uint64_t& word = mFreeMap[mFreeHint];
-	eqor_QUEUE_ITEM& item = mItems[mFreeHint * kBitsPerWord + std::countr_zero(word)];
+	while (m.freeHint < words && m.freeMap[m.freeHint] == 0) ++m.freeHint;
+	if (m.freeHint >= words) return nullptr;
+	uint64_t& word = m.freeMap[m.freeHint];
+	eqor_QUEUE_ITEM& item = mItems[m.freeHint * kBitsPerWord + std::countr_zero(word)];
 	word &= word - 1; // its lowest bit
 	uint64_t later = word;
 	for (int i = 1; i < kAhead; ++i) later &= later - 1; // stays 0 when it is
-	if (later != 0) fetch(mItems[mFreeHint * kBitsPerWord + std::countr_zero(later)]);
-	if (state(item) == 0) mClaimed.store(mClaimed.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+	if (later != 0) fetch(mItems[m.freeHint * kBitsPerWord + std::countr_zero(later)]);
+	if (state(item) == 0) m.claimed.store(m.claimed.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 	setState(item, eqor_QUEUE_ITEM::kInUse);
 	return &item;
 }
 
-/// Where the pending item stands that `offset` others are ahead of.
-size_t Cqor_MsgQueue::ringPlace(int offset) const {
-	const size_t place = static_cast<size_t>(mFirst) + static_cast<size_t>(offset);
-	return place < static_cast<size_t>(mCapacity) ? place : place - static_cast<size_t>(mCapacity);
+uint32_t Cqor_MsgQueue::nextPlace(uint32_t place) const {
+	return ++place == static_cast<uint32_t>(mCapacity) ? 0 : place;
 }
 
 bool Cqor_MsgQueue::appendLocked(eqor_QUEUE_ITEM* item) {
-	const int count = mCount.load(std::memory_order_relaxed);
-	if (count >= mCapacity) return false;
-	mPending[ringPlace(count)] = item;
-	mCount.store(count + 1, std::memory_order_release);
+	auto& m = QueueMachinery::of(*this);
+	const uint32_t appended = m.appended.load(std::memory_order_relaxed);
+	if (appended - m.swept.load(std::memory_order_relaxed) >= static_cast<uint32_t>(mCapacity)) return false;
+	mPending[m.lastPlace] = item;
+	m.lastPlace = nextPlace(m.lastPlace);
+	m.appended.store(appended + 1, std::memory_order_release);
 	return true;
 }
 
-eqor_QUEUE_ITEM* Cqor_MsgQueue::takeLocked() {
-	const int count = mCount.load(std::memory_order_relaxed);
-	if (count == 0) return nullptr;
-	eqor_QUEUE_ITEM* item = mPending[mFirst];
-	if (++mFirst == mCapacity) mFirst = 0;
-	if (count > kAhead) fetch(*mPending[ringPlace(kAhead - 1)]);
-	mCount.store(count - 1, std::memory_order_release);
-	const uint8_t former = state(*item);
-	setState(*item, former | eqor_QUEUE_ITEM::kTaken);
-	if (former == 0 && indexOf(item) >= 0) // pending without a claim
-		mClaimed.store(mClaimed.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+/// Takes the entry at the front of the ring, which is there; the lines of the one that comes in
+/// a few turns are asked for. Needs the lock, or to be alone (see `takeAlone`).
+eqor_QUEUE_ITEM* Cqor_MsgQueue::oldestPending() {
+	auto& m = QueueMachinery::of(*this);
+	eqor_QUEUE_ITEM* item = mPending[m.firstPlace];
+	m.firstPlace = nextPlace(m.firstPlace);
+	const uint32_t taken = m.taken.load(std::memory_order_relaxed) + 1;
+	m.taken.store(taken, std::memory_order_release);
 	return item;
 }
 
+eqor_QUEUE_ITEM* Cqor_MsgQueue::takeLocked() {
+	auto& m = QueueMachinery::of(*this);
+	const int count = m.pending();
+	if (count == 0) return nullptr;
+	eqor_QUEUE_ITEM* item = oldestPending();
+	if (count > kAhead) fetch(*mPending[(m.firstPlace + kAhead - 1) % static_cast<uint32_t>(mCapacity)]);
+	m.swept.store(m.taken.load(std::memory_order_relaxed), std::memory_order_relaxed);
+	m.finished.store(m.taken.load(std::memory_order_relaxed), std::memory_order_relaxed);
+	const uint8_t former = state(*item);
+	setState(*item, former | eqor_QUEUE_ITEM::kTaken);
+	if (former == 0 && indexOf(item) >= 0) // pending without a claim
+		m.claimed.store(m.claimed.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+	return item;
+}
+
+/// Takes the oldest item that is signalled, for the thread that is the only one to take: without the
+/// lock, so that it and the producers do not hand a line to and fro for every item.
+eqor_QUEUE_ITEM* Cqor_MsgQueue::takeAlone() {
+	auto& m = QueueMachinery::of(*this);
+	const uint32_t taken = m.taken.load(std::memory_order_relaxed);
+	if (taken == m.seenSignals) {
+		m.seenSignals = m.signals.load(std::memory_order_acquire);
+		if (taken == m.seenSignals) return nullptr;
+	}
+	eqor_QUEUE_ITEM* item = oldestPending();
+	const uint32_t ahead = m.firstPlace + kAheadAlone;
+	if (m.seenSignals - taken > kAheadAlone + 1)
+		fetch(*mPending[ahead < static_cast<uint32_t>(mCapacity) ? ahead : ahead - static_cast<uint32_t>(mCapacity)]);
+	setState(*item, state(*item) | eqor_QUEUE_ITEM::kTaken);
+	return item;
+}
+
+/// Gives an item back that `takeAlone` gave. Its state is free at once; the next producer (or the
+/// worker itself, before it looks or sleeps) takes note of all such items in one go.
+void Cqor_MsgQueue::finishAlone(eqor_QUEUE_ITEM* item) {
+	auto& m = QueueMachinery::of(*this);
+	setState(*item, 0);
+	m.finished.store(m.finished.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
+
+/// Takes note of finished items. They stand in the ring, behind the ones that were taken.
+void Cqor_MsgQueue::sweepLocked() {
+	auto& m = QueueMachinery::of(*this);
+	uint32_t swept = m.swept.load(std::memory_order_relaxed);
+	const uint32_t finished = m.finished.load(std::memory_order_acquire);
+	if (swept == finished) return;
+	int freed = 0;
+	for (; swept != finished; ++swept) {
+		const eqor_QUEUE_ITEM* item = mPending[m.sweptPlace];
+		m.sweptPlace = nextPlace(m.sweptPlace);
+		const int index = indexOf(item);
+		if (index < 0 || state(*item) != 0) continue; // a host had it freed elsewhere, and it is in use again
+		uint64_t& word = m.freeMap[index / kBitsPerWord];
+		const uint64_t bit = uint64_t{1} << (index % kBitsPerWord);
+		if (!(word & bit)) ++freed;
+		word |= bit;
+		m.freeHint = std::min(m.freeHint, index / kBitsPerWord);
+	}
+	m.swept.store(swept, std::memory_order_relaxed);
+	m.claimed.store(m.claimed.load(std::memory_order_relaxed) - freed, std::memory_order_release);
+}
+
 void Cqor_MsgQueue::freeLocked(eqor_QUEUE_ITEM* item) {
+	auto& m = QueueMachinery::of(*this);
 	const int index = indexOf(item);
 	const uint8_t former = state(*item);
 	setState(*item, 0);
@@ -286,9 +298,9 @@ void Cqor_MsgQueue::freeLocked(eqor_QUEUE_ITEM* item) {
 		foreignFrees.fetch_add(1, std::memory_order_release);
 		return;
 	}
-	if (former != 0) mClaimed.store(mClaimed.load(std::memory_order_relaxed) - 1, std::memory_order_release);
-	mFreeMap[index / kBitsPerWord] |= uint64_t{1} << (index % kBitsPerWord);
-	mFreeHint = std::min(mFreeHint, index / kBitsPerWord);
+	if (former != 0) m.claimed.store(m.claimed.load(std::memory_order_relaxed) - 1, std::memory_order_release);
+	m.freeMap[index / kBitsPerWord] |= uint64_t{1} << (index % kBitsPerWord);
+	m.freeHint = std::min(m.freeHint, index / kBitsPerWord);
 }
 
 /// @return -1 for an item that is not of this pool.
@@ -301,34 +313,43 @@ int Cqor_MsgQueue::indexOf(const eqor_QUEUE_ITEM* item) const {
 
 /// Items that went through another queue were freed there: their state says so, the map not yet.
 void Cqor_MsgQueue::adoptForeignFrees() {
-	if (foreignFrees.load(std::memory_order_acquire) != mForeignFrees.load(std::memory_order_relaxed)) rebuildFreeMap();
+	if (foreignFrees.load(std::memory_order_acquire) !=
+	    QueueMachinery::of(*this).foreignFrees.load(std::memory_order_relaxed))
+		rebuildFreeMap();
 }
 
 void Cqor_MsgQueue::rebuildFreeMap() {
-	mForeignFrees.store(foreignFrees.load(std::memory_order_acquire), std::memory_order_relaxed);
-	std::fill_n(mFreeMap, mapWords(mCapacity), 0);
+	auto& m = QueueMachinery::of(*this);
+	m.foreignFrees.store(foreignFrees.load(std::memory_order_acquire), std::memory_order_relaxed);
+	std::fill_n(m.freeMap, mapWords(mCapacity), 0);
 	int claimed = 0;
 	for (int i = 0; i < mCapacity; ++i) {
 		const uint8_t bits = state(mItems[i]);
 		if (bits != 0) ++claimed;
-		if (!(bits & eqor_QUEUE_ITEM::kInUse)) mFreeMap[i / kBitsPerWord] |= uint64_t{1} << (i % kBitsPerWord);
+		if (!(bits & eqor_QUEUE_ITEM::kInUse)) m.freeMap[i / kBitsPerWord] |= uint64_t{1} << (i % kBitsPerWord);
 	}
-	mFreeHint = 0;
-	mClaimed.store(claimed, std::memory_order_release);
+	m.freeHint = 0;
+	m.claimed.store(claimed, std::memory_order_release);
 }
 
 /// Whether every item was in use a moment ago; asked without the lock.
 bool Cqor_MsgQueue::isFull() const {
-	return mClaimed.load(std::memory_order_relaxed) >= mCapacity &&
-	       foreignFrees.load(std::memory_order_relaxed) == mForeignFrees.load(std::memory_order_relaxed);
+	const auto& m = QueueMachinery::of(*this);
+	return m.claimed.load(std::memory_order_relaxed) >= mCapacity &&
+	       m.finished.load(std::memory_order_relaxed) == m.swept.load(std::memory_order_relaxed) &&
+	       foreignFrees.load(std::memory_order_relaxed) == m.foreignFrees.load(std::memory_order_relaxed);
 }
 
 /// Whether nothing is claimed, pending or with a consumer.
 bool Cqor_MsgQueue::isIdle() {
-	if (mCount.load(std::memory_order_acquire) != 0) return false;
-	if (mClaimed.load(std::memory_order_acquire) == 0) return true;
-	if (foreignFrees.load(std::memory_order_acquire) == mForeignFrees.load(std::memory_order_relaxed)) return false;
+	const auto& m = QueueMachinery::of(*this);
+	if (m.pending() != 0) return false;
+	if (m.claimed.load(std::memory_order_acquire) == 0) return true;
+	if (m.finished.load(std::memory_order_acquire) == m.swept.load(std::memory_order_relaxed) &&
+	    foreignFrees.load(std::memory_order_acquire) == m.foreignFrees.load(std::memory_order_relaxed))
+		return false;
 	Section section(*this);
 	adoptForeignFrees();
-	return mCount.load(std::memory_order_relaxed) == 0 && mClaimed.load(std::memory_order_relaxed) == 0;
+	sweepLocked();
+	return m.pending() == 0 && m.claimed.load(std::memory_order_relaxed) == 0;
 }

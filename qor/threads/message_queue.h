@@ -37,34 +37,8 @@ static_assert(offsetof(eqor_QUEUE_ITEM, mData2) == 1224 && offsetof(eqor_QUEUE_I
 static_assert(offsetof(eqor_QUEUE_ITEM, mReservedC) == 2264 && sizeof(eqor_QUEUE_ITEM) == 2376);
 
 namespace threads {
-
-/// The lock of an object that its own operations enter for a few instructions and that a host
-/// may hold for long: a light word for the operations, a mutex of the system for the host.
-///
-/// `lock` and `unlock` have the meaning of the mutex: recursive, owned by a thread, passed on
-/// when its owner ends. Operations take the word alone and queue up behind the mutex only while
-/// another thread holds it. Order: mutex, then word. The mutex (may be null: hosts then lock
-/// nothing) stands beside the lock in its object and is the same in every call.
-class HostLock {
-public:
-	/// @param giveUp may be null; once it is true nobody waits for a holder any more.
-	/// @return false without the lock, for a mutex that cannot be had or when `giveUp` said so.
-	bool lock(platform::WaitHandle mutex, const std::atomic<bool>* giveUp = nullptr);
-	/// Does nothing for a thread that does not hold the lock.
-	void unlock(platform::WaitHandle mutex);
-
-	/// Begins an operation. @return false, with nothing to leave, when `giveUp` said so.
-	bool enter(platform::WaitHandle mutex, const std::atomic<bool>* giveUp = nullptr);
-	void leave(platform::WaitHandle mutex);
-
-private:
-	std::atomic<uint32_t> mWord{0};   // the light lock
-	std::atomic<uint32_t> mHolder{0}; // the thread between lock and unlock; 0: none
-	int mHolderDepth = 0;
-	bool mOperationHasMutex = false; // the operation under way came through the mutex
-};
-
-} // namespace threads
+struct QueueMachinery;
+}
 
 /// A pool of items and a first-in first-out list of the pending ones, without threads.
 ///
@@ -77,7 +51,7 @@ private:
 /// `Create` and `Destroy`, beside which nothing may run. No operation allocates but `Create`.
 ///
 /// `Lock` takes the queue mutex, for hosts: recursive, owned by a thread, passed on when its
-/// owner ends. The operations themselves take a lighter lock (see `threads::HostLock`).
+/// owner ends. The operations themselves take a lighter lock.
 class QOR_API Cqor_MsgQueue {
 public:
 	Cqor_MsgQueue();
@@ -131,44 +105,35 @@ public:
 	void Unlock();
 
 	int GetCapacity() const { return mCapacity; }
-	int GetPendingCount() const { return mCount.load(std::memory_order_acquire); }
+	int GetPendingCount() const;
 
 private:
 	friend class Cqor_MQInstance;
+	friend struct threads::QueueMachinery;
 	class Section;
 
 	eqor_QUEUE_ITEM* claimLocked();
 	bool appendLocked(eqor_QUEUE_ITEM* item);
 	eqor_QUEUE_ITEM* takeLocked();
+	eqor_QUEUE_ITEM* takeAlone();
+	void finishAlone(eqor_QUEUE_ITEM* item);
+	void sweepLocked();
 	void freeLocked(eqor_QUEUE_ITEM* item);
 	int indexOf(const eqor_QUEUE_ITEM* item) const;
-	size_t ringPlace(int offset) const;
+	uint32_t nextPlace(uint32_t place) const;
+	eqor_QUEUE_ITEM* oldestPending();
 	void adoptForeignFrees();
 	void rebuildFreeMap();
 	bool isIdle();
 	bool isFull() const;
-	int append(eqor_QUEUE_ITEM* item);
 	eqor_QUEUE_ITEM* detachItems();
 
 	platform::WaitHandle mMutex;
 	eqor_QUEUE_ITEM* mItems = nullptr;
-	eqor_QUEUE_ITEM** mPending = nullptr; // a ring: the oldest entry stands at mFirst
+	eqor_QUEUE_ITEM** mPending = nullptr; // a ring
 	int mCapacity = 0;
-
-	// What changes with every item shares one cache line with the lock.
-	alignas(64) std::atomic<int> mCount{0}; // pending
-	threads::HostLock mLock;
-	int mFirst = 0;
-	int mFreeHint = 0;                      // no free item in a word of the map below this one
-	std::atomic<int> mClaimed{0};           // items with a state other than 0
-	std::atomic<uint32_t> mForeignFrees{0}; // foreign frees of the process that the map has taken in
-	// The instance's, when the queue is part of one:
-	std::atomic<int> mSignals{0}; // items announced and not yet taken, at most 1000
-	int mSleepers = 0;            // workers asleep and not yet chosen to be woken
-	std::atomic<int> mLooks{1};   // how often the next looker looks
-	int mLookers = 0;             // workers looking for work, woken ones included
-	// One bit an item, set while it can be claimed. It follows the state bytes, which stay the
-	// truth (see adoptForeignFrees), and stands behind the ring in the same block.
-	uint64_t* mFreeMap = nullptr;
+	// The number of pending items, the lock and what else changes with every item, in lines of
+	// the processor's cache that belong to one side each.
+	alignas(64) unsigned char mMachinery[448];
 };
-static_assert(alignof(Cqor_MsgQueue) == 64 && sizeof(Cqor_MsgQueue) == 128);
+static_assert(alignof(Cqor_MsgQueue) == 64 && sizeof(Cqor_MsgQueue) == 512);

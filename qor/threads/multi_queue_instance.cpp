@@ -1,17 +1,19 @@
 #include "multi_queue_instance.h"
 
+#include "../base/host_call_internal.h"
 #include "../core/class_manager.h"
 #include "../platform/clock.h"
 #include "../platform/wait.h"
 #include "../platform/window.h"
+#include "host_lock_internal.h"
 
+#include <atomic>
 #include <new>
 
 namespace {
 
 constexpr const char* kType = "Cqor_MultiMQInstance";
 constexpr int kLogError = 3;
-constexpr unsigned long kNoLimit = 0xFFFFFFFF;
 
 [[maybe_unused]] const bool registered = [] {
 	CqorMCManager* manager = qorMCGetManager();
@@ -20,19 +22,30 @@ constexpr unsigned long kNoLimit = 0xFFFFFFFF;
 
 } // namespace
 
+struct Cqor_MultiMQInstance::Machinery {
+	threads::HostLock lock;
+	std::atomic<bool> closing{false}; // set by the holder of the lock in Destroy
+	std::atomic<int> wakers{0};       // adds that have left the lock and are about to wake a worker
+};
+
+Cqor_MultiMQInstance::Machinery& Cqor_MultiMQInstance::machinery() const {
+	static_assert(sizeof(Machinery) <= sizeof mMachinery);
+	return *std::launder(reinterpret_cast<Machinery*>(const_cast<unsigned char*>(mMachinery)));
+}
+
 /// A scope inside the object's lock, for operations that a closing object does not keep waiting.
 class Cqor_MultiMQInstance::Section {
 public:
 	explicit Section(Cqor_MultiMQInstance& multi)
-	    : mMulti(multi), mEntered(multi.mLock.enter(multi.mMutex, &multi.mClosing)) {}
+	    : mMulti(multi), mEntered(multi.machinery().lock.enter(multi.mMutex, &multi.machinery().closing)) {}
 	~Section() { leave(); }
 	Section(const Section&) = delete;
 	Section& operator=(const Section&) = delete;
 
 	/// False: the object is closing.
-	explicit operator bool() const { return mEntered && !mMulti.mClosing.load(std::memory_order_relaxed); }
+	explicit operator bool() const { return mEntered && !mMulti.machinery().closing.load(std::memory_order_relaxed); }
 	void leave() {
-		if (mEntered) mMulti.mLock.leave(mMulti.mMutex);
+		if (mEntered) mMulti.machinery().lock.leave(mMulti.mMutex);
 		mEntered = false;
 	}
 
@@ -63,13 +76,14 @@ private:
 
 thread_local const Cqor_MultiMQInstance::InCallback* Cqor_MultiMQInstance::InCallback::innermost = nullptr;
 
-Cqor_MultiMQInstance::Cqor_MultiMQInstance() : mMutex(platform::createMutex(false)) {}
+Cqor_MultiMQInstance::Cqor_MultiMQInstance() : mMutex(platform::createMutex(false)) { new (mMachinery) Machinery; }
 
 Cqor_MultiMQInstance::~Cqor_MultiMQInstance() {
 	Lock();
 	endInstances(!InCallback::of(this));
 	Unlock();
 	platform::closeHandle(mMutex);
+	machinery().~Machinery();
 }
 
 const char* Cqor_MultiMQInstance::gettype() const { return kType; }
@@ -106,9 +120,9 @@ bool Cqor_MultiMQInstance::addInstance(int workers, int queueSize, int affinityM
 	// callbacks must not wait for the lock meanwhile.
 	if (instance->Create(_MQInst_CB, workers, queueSize, priority, affinityMask, 0) != kQorSuccess) return true;
 	if (instance->StartWorkers() == kQorSuccess) return true;
-	mClosing.store(true, std::memory_order_release);
+	machinery().closing.store(true, std::memory_order_release);
 	instance->Destroy();
-	mClosing.store(false, std::memory_order_release);
+	machinery().closing.store(false, std::memory_order_release);
 	return true;
 }
 
@@ -128,17 +142,21 @@ bool Cqor_MultiMQInstance::isRefusedInCallback(const char* operation) const {
 
 /// Needs the lock.
 void Cqor_MultiMQInstance::endInstances(bool drain) {
-	mLock.enter(mMutex); // behind it, no add is under way or sees the instances
-	mClosing.store(true, std::memory_order_release);
-	mLock.leave(mMutex);
-	while (mWakers.load(std::memory_order_acquire) != 0) platform::yieldThread();
+	auto& m = machinery();
+	m.lock.enter(mMutex); // behind it, no add is under way or sees the instances
+	m.closing.store(true, std::memory_order_release);
+	m.lock.leave(mMutex);
+	while (m.wakers.load(std::memory_order_acquire) != 0) platform::yieldThread();
 	for (Cqor_MQInstance* instance : mInstances) {
-		if (drain) instance->WaitForIdle(kNoLimit);
+		if (drain) {
+			instance->drain();
+			instance->WaitForIdle(Cqor_MQConstants::kNoLimit);
+		}
 		delete instance;
 	}
 	mInstances.Delete(0, mInstances.Count());
 	mCounter = 0;
-	mClosing.store(false, std::memory_order_release);
+	m.closing.store(false, std::memory_order_release);
 }
 
 eqor_QUEUE_ITEM* Cqor_MultiMQInstance::Add(unsigned long w1, unsigned long w2, unsigned long w3, void* p1, void* p2) {
@@ -153,10 +171,11 @@ eqor_QUEUE_ITEM* Cqor_MultiMQInstance::Add(unsigned long w1, unsigned long w2, u
 	}
 	if (item && ++mCounter == count) mCounter = 0;
 	if (!toWake) return item;
-	mWakers.fetch_add(1, std::memory_order_relaxed); // the semaphore stays until it is counted off
+	auto& wakers = machinery().wakers;
+	wakers.fetch_add(1, std::memory_order_relaxed); // the semaphore stays until it is counted off
 	section.leave();
 	platform::releaseSemaphore(toWake, 1, nullptr);
-	mWakers.fetch_sub(1, std::memory_order_release);
+	wakers.fetch_sub(1, std::memory_order_release);
 	return item;
 }
 
@@ -167,7 +186,9 @@ int Cqor_MultiMQInstance::_MQInst_CB(Cqor_MQWorker* worker, eqor_QUEUE_ITEM* ite
 
 int Cqor_MultiMQInstance::MQInst_CB(Cqor_MQWorker* worker, eqor_QUEUE_ITEM* item, int code) {
 	const InCallback running(this);
-	if (mCallback) mCallback(this, worker, item, code); // the object may be gone behind it
+	// The object may be gone behind it.
+	if (const auto callback = mCallback)
+		base::callHost("Cqor_MultiMQInstance", [&] { callback(this, worker, item, code); });
 	return kQorFailure;
 }
 
@@ -197,13 +218,21 @@ void Cqor_MultiMQInstance::getWorkerUsage(int* out) {
 	}
 }
 
+int Cqor_MultiMQInstance::getWorkerCount(int* instances, int* workersOfFirst) {
+	const Section section(*this);
+	const int count = section ? mInstances.Count() : 0;
+	const int workers = count > 0 ? mInstances[0]->GetWorkerCount() : 0;
+	if (instances) *instances = count;
+	if (workersOfFirst) *workersOfFirst = workers;
+	return count * workers;
+}
+
 int Cqor_MultiMQInstance::getWorkerCount(SIZE* out) {
 	if (!out) return 0;
-	const Section section(*this);
-	const int instances = section ? mInstances.Count() : 0;
-	const int workers = instances > 0 ? mInstances[0]->GetWorkerCount() : 0;
+	int instances, workers;
+	const int all = getWorkerCount(&instances, &workers);
 	platform::storeSize(out, instances, workers);
-	return instances * workers;
+	return all;
 }
 
 Cqor_MQWorker* Cqor_MultiMQInstance::getWorker(int instanceIndex, int workerIndex) {
@@ -212,6 +241,8 @@ Cqor_MQWorker* Cqor_MultiMQInstance::getWorker(int instanceIndex, int workerInde
 	return mInstances[instanceIndex]->GetWorker(workerIndex);
 }
 
-void Cqor_MultiMQInstance::Lock() { mLock.lock(mMutex, InCallback::of(this) ? &mClosing : nullptr); }
+void Cqor_MultiMQInstance::Lock() {
+	machinery().lock.lock(mMutex, InCallback::of(this) ? &machinery().closing : nullptr);
+}
 
-void Cqor_MultiMQInstance::Unlock() { mLock.unlock(mMutex); }
+void Cqor_MultiMQInstance::Unlock() { machinery().lock.unlock(mMutex); }

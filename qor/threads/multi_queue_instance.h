@@ -6,8 +6,6 @@
 #include "../platform/types.h"
 #include "queue_instance.h"
 
-#include <atomic>
-
 /// Called on the worker's thread with the codes of `Cqor_MQCallBack`; the result is ignored.
 using Cqor_MultiMQCallBack = int (*)(
     Cqor_MultiMQInstance* multi, Cqor_MQWorker* worker, eqor_QUEUE_ITEM* item, int code);
@@ -26,9 +24,8 @@ using Cqor_MultiMQCallBack = int (*)(
 ///
 /// `Create`, `Destroy`, `Add` and all getters may be called from any thread and run one after the
 /// other: a thread between `Lock` and `Unlock` keeps those of all other threads waiting. Order of
-/// the locks: the object's, then an instance's. `Add` takes a light form of the lock (see
-/// `threads::HostLock`) and wakes workers after it has left it, so producers do not wait for the
-/// system's scheduler. Callbacks run without the object's lock.
+/// the locks: the object's, then an instance's. `Add` takes a light form of the lock and wakes workers after it has
+/// left it, so producers do not wait for the system's scheduler. Callbacks run without the object's lock.
 ///
 /// Callbacks may call everything but `Create`, `Destroy` and the destructor. `Destroy` waits for
 /// them under the lock, so a callback must not wait for `Destroy` in turn. Therefore, from the
@@ -64,7 +61,8 @@ public:
 	int Create(Cqor_MultiMQCallBack callback, int instanceCount, int workersPerInstance, int queueSize,
 	    int affinityMask, int priority);
 
-	/// Lets every instance finish its items, in list order and without a time limit, and ends it.
+	/// Lets every instance finish its items, in list order and without a time limit, and ends it. Items
+	/// beyond the 1000 signals of an instance are finished, too.
 	///
 	/// Adds are refused meanwhile, but whoever adds to an instance by itself
 	/// (`worker->mInstance->Add`) keeps `Destroy` waiting. Within a callback of this object it is
@@ -90,6 +88,8 @@ public:
 	/// out->cx: instances, out->cy: workers of the first one (0 without instances).
 	/// @return cx times cy; 0 for null.
 	int getWorkerCount(SIZE* out);
+	/// The same without the system's record; either may be null.
+	int getWorkerCount(int* instances, int* workersOfFirst);
 	/// @return null when an index is out of range; the first instance's number of workers counts for
 	///         all. The worker is valid until `Destroy`.
 	Cqor_MQWorker* getWorker(int instanceIndex, int workerIndex);
@@ -102,16 +102,16 @@ public:
 private:
 	class Section;
 	class InCallback;
+	struct Machinery;
 
 	bool isRefusedInCallback(const char* operation) const;
 	bool addInstance(int workers, int queueSize, int affinityMask, int priority);
 	void endInstances(bool drain);
+	Machinery& machinery() const;
 
 	platform::WaitHandle mMutex;
 	int mCounter = 0; // where the next add starts
 	CstmArray<Cqor_MQInstance*> mInstances;
 	Cqor_MultiMQCallBack mCallback = nullptr;
-	threads::HostLock mLock;
-	std::atomic<bool> mClosing{false}; // set by the holder of the lock in Destroy
-	std::atomic<int> mWakers{0};       // adds that have left the lock and are about to wake a worker
+	alignas(64) unsigned char mMachinery[128]; // the light lock and its kin
 };

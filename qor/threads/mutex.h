@@ -2,12 +2,13 @@
 
 #include "../platform/export.h"
 #include "../platform/types.h"
+#include "wait_result.h"
 
 /// A recursive mutex of the operating system, owned by a thread.
 ///
 /// Any thread may call `Lock` and `Unlock`. A mutex that the system refused to make answers
-/// every `Lock` with 0xFFFFFFFF.
-class QOR_API CstMutex {
+/// every `Lock` with `kFailed`.
+class QOR_API CstMutex : public CstWaitConstants {
 public:
 	/// Unnamed and not owned.
 	CstMutex();
@@ -24,7 +25,7 @@ public:
 
 	/// @param timeoutMs milliseconds; 0xFFFFFFFF waits without limit.
 	/// @return the raw wait result: 0 acquired, 0x80 acquired from a thread that ended
-	///         without releasing it, 0x102 time-out, 0xFFFFFFFF (as int: -1) failed.
+	///         without releasing it, 0x102 time-out, -1 failed (see `CstWaitConstants`).
 	int Lock(unsigned long timeoutMs);
 
 	/// Undoes one `Lock` of the calling thread; of any other thread it does nothing.

@@ -10,11 +10,12 @@
 #include <cstring>
 #include <new>
 
+using threads::QueueMachinery;
+
 namespace {
 
-constexpr int kMaximumSignals = 1000;
+constexpr uint32_t kMaximumSignals = 1000;
 constexpr uint32_t kEndWaitMs = 5000;
-constexpr unsigned long kNoLimit = 0xFFFFFFFF;
 
 /// A worker without work looks on for a few microseconds before it sleeps: more often after
 /// looks that paid, less after looks in vain (the producer may need this very processor). A
@@ -61,6 +62,7 @@ bool Cqor_MQInstance::createSignal() {
 }
 
 bool Cqor_MQInstance::createWorkers(int count) {
+	mAlone = count == 1;
 	for (int i = 0; i < count; ++i) {
 		auto* worker = new (std::nothrow) Cqor_MQWorker;
 		if (!worker) return false;
@@ -91,9 +93,6 @@ void Cqor_MQInstance::Destroy() {
 	if (mSignal) mSignal->drop();
 	mSignal = nullptr;
 	mSemaphore = nullptr;
-	mQueue.mSignals.store(0, std::memory_order_relaxed);
-	mQueue.mSleepers = 0;
-	mQueue.mLookers = 0;
 }
 
 int Cqor_MQInstance::StartWorkers() {
@@ -203,43 +202,80 @@ bool Cqor_MQInstance::publishLocked(eqor_QUEUE_ITEM* item, bool* wake) {
 		mQueue.freeLocked(item);
 		return false;
 	}
-	// Beyond the maximum the item waits for the signal of a later one.
-	const int signals = mQueue.mSignals.load(std::memory_order_relaxed);
-	if (signals < kMaximumSignals) mQueue.mSignals.store(signals + 1, std::memory_order_relaxed);
+	signalLocked();
 	*wake = chooseSleeperLocked();
 	return true;
+}
+
+/// Signals one more item. Beyond the maximum it waits for the signal of a later one, unless the
+/// instance is to be emptied.
+void Cqor_MQInstance::signalLocked() {
+	auto& m = QueueMachinery::of(mQueue);
+	const uint32_t signals = m.signals.load(std::memory_order_relaxed);
+	if (mSignal->draining) {
+		m.signals.store(m.appended.load(std::memory_order_relaxed), std::memory_order_release);
+		return;
+	}
+	if (signals - m.seenTaken >= kMaximumSignals) m.seenTaken = m.taken.load(std::memory_order_acquire);
+	if (signals - m.seenTaken < kMaximumSignals) m.signals.store(signals + 1, std::memory_order_release);
+}
+
+/// Signals all that is pending, and whatever comes until the end.
+void Cqor_MQInstance::drain() {
+	if (!mSignal) return;
+	bool wake;
+	{
+		Cqor_MsgQueue::Section section(mQueue);
+		mSignal->draining = true;
+		signalLocked();
+		wake = chooseSleeperLocked();
+	}
+	if (wake) platform::releaseSemaphore(mSemaphore, 1, nullptr);
+}
+
+/// Whether a worker would find something to take. With one worker exact on its own thread or under
+/// the lock only.
+bool Cqor_MQInstance::hasSignals() const {
+	const auto& m = QueueMachinery::of(mQueue);
+	return m.signals.load(std::memory_order_relaxed) != m.taken.load(std::memory_order_relaxed);
 }
 
 /// Keeps this true: while there are signals and sleepers, some worker is looking.
 /// @return whether the caller has to wake a sleeper, which counts as looking already.
 bool Cqor_MQInstance::chooseSleeperLocked() {
-	if (mQueue.mLookers > 0 || mQueue.mSleepers == 0 || mQueue.mSignals.load(std::memory_order_relaxed) == 0)
-		return false;
-	--mQueue.mSleepers;
-	++mQueue.mLookers;
+	auto& m = QueueMachinery::of(mQueue);
+	if (m.sleepers == 0 || m.lookers > 0 || !hasSignals()) return false;
+	--m.sleepers;
+	++m.lookers;
 	return true;
 }
 
+/// Takes the next item for a worker that holds the lock.
 eqor_QUEUE_ITEM* Cqor_MQInstance::takeSignalledLocked() {
-	const int signals = mQueue.mSignals.load(std::memory_order_relaxed);
-	if (signals == 0) return nullptr;
-	mQueue.mSignals.store(signals - 1, std::memory_order_relaxed);
-	return mQueue.takeLocked();
+	if (isAlone()) return mQueue.takeAlone();
+	return hasSignals() ? mQueue.takeLocked() : nullptr;
 }
 
 /// Frees the item that a worker is done with (may be null) and takes the next.
 /// @param waited receives whether there was nothing to take at first.
 /// @return null when the instance is closing; the item's signal stays then.
 eqor_QUEUE_ITEM* Cqor_MQInstance::next(eqor_QUEUE_ITEM* done, bool* waited) {
+	auto& m = QueueMachinery::of(mQueue);
 	bool looking = false;
 	*waited = false;
+	if (isAlone()) {
+		if (done) mQueue.finishAlone(done);
+		done = nullptr;
+		if (eqor_QUEUE_ITEM* item = isClosed() ? nullptr : mQueue.takeAlone()) return item;
+	}
 	{
 		Cqor_MsgQueue::Section section(mQueue);
 		if (done) mQueue.freeLocked(done);
+		if (isAlone()) mQueue.sweepLocked();
 		if (isClosed()) return nullptr;
 		if (eqor_QUEUE_ITEM* item = takeSignalledLocked()) return item;
-		looking = mQueue.mLookers == 0; // one is enough
-		++(looking ? mQueue.mLookers : mQueue.mSleepers);
+		looking = m.lookers == 0; // one is enough
+		++(looking ? m.lookers : m.sleepers);
 	}
 	*waited = true;
 	for (;;) {
@@ -248,7 +284,7 @@ eqor_QUEUE_ITEM* Cqor_MQInstance::next(eqor_QUEUE_ITEM* done, bool* waited) {
 		} else {
 			const double asleep = seconds();
 			if (!sleepForSignal()) return nullptr;
-			mQueue.mLooks = seconds() - asleep < kShortSleep ? std::max(mQueue.mLooks.load(), 1) : 0;
+			m.looks = seconds() - asleep < kShortSleep ? std::max(m.looks.load(), 1) : 0;
 		}
 		eqor_QUEUE_ITEM* item;
 		bool wake = false;
@@ -257,11 +293,11 @@ eqor_QUEUE_ITEM* Cqor_MQInstance::next(eqor_QUEUE_ITEM* done, bool* waited) {
 			if (isClosed()) return nullptr;
 			item = takeSignalledLocked();
 			if (item) {
-				--mQueue.mLookers;
+				--m.lookers;
 				wake = chooseSleeperLocked();
 			} else if (looking) {
-				--mQueue.mLookers;
-				++mQueue.mSleepers;
+				--m.lookers;
+				++m.sleepers;
 			}
 		}
 		if (wake) platform::releaseSemaphore(mSemaphore, 1, nullptr);
@@ -273,14 +309,15 @@ eqor_QUEUE_ITEM* Cqor_MQInstance::next(eqor_QUEUE_ITEM* done, bool* waited) {
 bool Cqor_MQInstance::isClosed() const { return mSignal->closed.load(std::memory_order_acquire); }
 
 void Cqor_MQInstance::lookForSignal() {
-	const int looks = mQueue.mLooks;
+	auto& m = QueueMachinery::of(mQueue);
+	const int looks = m.looks;
 	for (int i = 0; i < looks && !isClosed(); ++i) {
 		platform::yieldThread();
-		if (mQueue.mSignals.load(std::memory_order_relaxed) == 0) continue;
-		mQueue.mLooks = std::min(looks * 2, kMostLooks);
+		if (!hasSignals()) continue;
+		m.looks = std::min(looks * 2, kMostLooks);
 		return;
 	}
-	mQueue.mLooks = looks / 2;
+	m.looks = looks / 2;
 }
 
 /// Without a limit: closing gives every worker a permit, and a timed wait would arm and disarm
@@ -289,6 +326,8 @@ void Cqor_MQInstance::lookForSignal() {
 bool Cqor_MQInstance::sleepForSignal() const {
 	return platform::wait(mSemaphore, platform::kInfinite) == platform::kWaitAcquired && !isClosed();
 }
+
+int Cqor_MQInstance::GetPendingCount() const { return mQueue.GetPendingCount(); }
 
 int Cqor_MQInstance::GetWorkerCount() { return mWorkers.Count(); }
 

@@ -20,10 +20,21 @@ struct QueueSignal;
 ///
 /// | code | item | when |
 /// |---|---|---|
-/// | 1 | null | the thread has started, before its first wait |
-/// | 0 | the item | an item was taken; it is freed when the call returns |
-/// | 2 | null | the thread is ending |
+/// | `kCallBackStarted` 1 | null | the thread has started, before its first wait |
+/// | `kCallBackItem` 0 | the item | an item was taken; it is freed when the call returns |
+/// | `kCallBackEnding` 2 | null | the thread is ending |
+///
+/// It may add items and ask for numbers. What it must not do stands at the operations.
 using Cqor_MQCallBack = int (*)(Cqor_MQWorker* worker, eqor_QUEUE_ITEM* item, int code);
+
+/// The numbers of `Cqor_MQInstance`, its callback and `Cqor_MultiMQInstance`.
+struct Cqor_MQConstants {
+	static constexpr int kCallBackItem = 0;
+	static constexpr int kCallBackStarted = 1;
+	static constexpr int kCallBackEnding = 2;
+
+	static constexpr unsigned long kNoLimit = 0xFFFFFFFF; ///< for `WaitForIdle`
+};
 
 /// A queue with worker threads that pass each item to one callback.
 ///
@@ -47,7 +58,7 @@ using Cqor_MQCallBack = int (*)(Cqor_MQWorker* worker, eqor_QUEUE_ITEM* item, in
 /// list, in order, and are reached by the signals of later adds: nothing is lost, but as many
 /// items wait as signals were refused (`GetPendingCount` tells). Queues of up to 1000 items
 /// never come there.
-class QOR_API Cqor_MQInstance {
+class QOR_API Cqor_MQInstance : public Cqor_MQConstants {
 public:
 	Cqor_MQInstance();
 	/// As `Destroy`.
@@ -107,10 +118,11 @@ public:
 	/// out[0]: busy workers, out[1]: workers; null does nothing.
 	void GetWorkerUsage(int* out);
 	/// Items in the list that no worker has taken yet.
-	int GetPendingCount() const { return mQueue.GetPendingCount(); }
+	int GetPendingCount() const;
 
 	/// Waits until no item is claimed, pending or in work, giving up the time slice meanwhile.
-	/// @param timeoutMs milliseconds; 0xFFFFFFFF: no limit.
+	/// Within a callback of its own the instance is never idle.
+	/// @param timeoutMs milliseconds; `kNoLimit`: no limit.
 	/// @return 0; 0x10000000 when the limit has passed, also if the instance is idle by then.
 	int WaitForIdle(unsigned long timeoutMs);
 
@@ -145,12 +157,19 @@ private:
 	bool publishLocked(eqor_QUEUE_ITEM* item, bool* wake);
 	eqor_QUEUE_ITEM* takeSignalledLocked();
 	bool chooseSleeperLocked();
+	void signalLocked();
+	void drain();
+	bool hasSignals() const;
+	/// Whether one worker takes all items, and needs no lock for it.
+	bool isAlone() const { return mAlone; }
 	eqor_QUEUE_ITEM* next(eqor_QUEUE_ITEM* done, bool* waited);
 	bool isClosed() const;
 	void lookForSignal();
 	bool sleepForSignal() const;
 
 	threads::QueueSignal* mSignal = nullptr; // semaphore and closing word, shared with the threads
+	bool mAlone = false;
+	void* mSpare[3] = {};
 };
 
 /// One worker of a queue instance.

@@ -23,6 +23,7 @@ struct QueueSignal {
 	std::atomic<int> references{1};
 	std::atomic<bool> closed{false};      // every wait fails from now on
 	platform::WaitHandle semaphore;       // one permit for each worker to be woken
+	bool draining = false;                // every pending item is signalled; under the queue's lock
 	bool abandoned = false;               // the instance's: a thread was left inside a callback
 	eqor_QUEUE_ITEM* keptItems = nullptr; // the pool, while an abandoned thread may have an item of it
 };

@@ -1,3 +1,4 @@
+#include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../core/runtime.h"
 #include "../platform/format.h"
@@ -8,10 +9,6 @@
 #include "queue_signal_internal.h"
 
 namespace {
-
-constexpr int kCodeItem = 0;
-constexpr int kCodeStarted = 1;
-constexpr int kCodeEnding = 2;
 
 constexpr size_t kTraceSize = 1024;
 constexpr bool kTraceWorkers = false; // switches the trace on
@@ -65,7 +62,8 @@ int Cqor_MQWorker::IsBusy() const { return GetCurrentItem() != nullptr; }
 
 int Cqor_MQWorker::WorkerCallBack(eqor_QUEUE_ITEM* item, int code) {
 	const Cqor_MQCallBack callback = mInstance ? mInstance->mCallback : nullptr;
-	return callback ? callback(this, item, code) : kQorFailure;
+	if (!callback) return kQorFailure;
+	return base::callHost("Cqor_MQInstance", [&] { return callback(this, item, code); });
 }
 
 unsigned Cqor_MQWorker::threadEntry(void* argument) {
@@ -78,9 +76,11 @@ unsigned Cqor_MQWorker::threadEntry(void* argument) {
 }
 
 unsigned int Cqor_MQWorker::WorkerThread() {
-	mFlags.fetch_or(kRunning, std::memory_order_release);
+	if (mFlags.fetch_or(kRunning, std::memory_order_acq_rel) & kRunning) return 0; // a second thread never serves
 	logmsg("Thread -> BEGIN");
-	if (!call(nullptr, kCodeStarted) || !serve() || !call(nullptr, kCodeEnding)) return 0;
+	if (!call(nullptr, Cqor_MQConstants::kCallBackStarted) || !serve() ||
+	    !call(nullptr, Cqor_MQConstants::kCallBackEnding))
+		return 0;
 	logmsg("Thread -> END");
 	mFlags.fetch_and(~kRunning, std::memory_order_acq_rel);
 	return 0;
@@ -95,7 +95,7 @@ bool Cqor_MQWorker::serve() {
 		if (waited) now = appGetTime();
 		mStartTime.store(now, std::memory_order_relaxed);
 		mCurrent.store(item, std::memory_order_release);
-		if (!call(item, kCodeItem)) return false;
+		if (!call(item, Cqor_MQConstants::kCallBackItem)) return false;
 		now = appGetTime();
 		mEndTime.store(now, std::memory_order_relaxed);
 		mCurrent.store(nullptr, std::memory_order_release);

@@ -4,6 +4,8 @@
 #include "../core/runtime.h"
 #include "../platform/wait.h"
 
+CstSemaphore::CstSemaphore() = default;
+
 CstSemaphore::~CstSemaphore() { Destroy(); }
 
 int CstSemaphore::Create(int initialCount, int maximumCount, const char* name) {

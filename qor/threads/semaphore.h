@@ -2,13 +2,14 @@
 
 #include "../platform/export.h"
 #include "../platform/types.h"
+#include "wait_result.h"
 
 /// A counting semaphore of the operating system.
 ///
 /// Any thread may call `Release` and `Wait`; nothing may run beside `Create` or `Destroy`.
-class QOR_API CstSemaphore {
+class QOR_API CstSemaphore : public CstWaitConstants {
 public:
-	CstSemaphore() = default;
+	CstSemaphore();
 	~CstSemaphore();
 	CstSemaphore(const CstSemaphore&) = delete;
 	CstSemaphore& operator=(const CstSemaphore&) = delete;
@@ -23,7 +24,7 @@ public:
 	int Release(int count, long* previousCount);
 
 	/// @param timeoutMs milliseconds; -1 waits without limit.
-	/// @return the raw wait result: 0 acquired, 0x102 time-out, 0xFFFFFFFF (as int: -1) failed.
+	/// @return the raw wait result: 0 acquired, 0x102 time-out, -1 failed (see `CstWaitConstants`).
 	int Wait(int timeoutMs);
 
 	/// Closes the handle.

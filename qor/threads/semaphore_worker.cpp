@@ -1,5 +1,6 @@
 #include "semaphore_worker.h"
 
+#include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../core/runtime.h"
 #include "../platform/clock.h"
@@ -10,20 +11,12 @@ using threads::WorkerThread;
 
 namespace {
 
-constexpr uint32_t kNone = 0;
-constexpr uint32_t kRunning = 1;
-constexpr uint32_t kStopRequested = 2;
-constexpr uint32_t kEnded = 3;
-
-constexpr unsigned long kCodeStarted = 1;
-constexpr unsigned long kCodeEnding = 2;
-constexpr unsigned long kCodeSignal = 3;
-constexpr unsigned long kCodeNoSignal = 4;
-
 constexpr int kStopLooks = 1000;
 constexpr uint32_t kStopLookMs = 50;
 
 } // namespace
+
+CstxSemaphore::CstxSemaphore() = default;
 
 CstxSemaphore::~CstxSemaphore() {
 	StopWorker();
@@ -35,7 +28,7 @@ int CstxSemaphore::StartWorker(CallBackFunction callback, int waitTimeoutMs, int
 	// The former worker may still be in its last call; it must be gone, or be left, before
 	// another one writes the state.
 	WorkerThread::part(mThread, threads::kEndWaitMs);
-	mState.store(kNone, std::memory_order_release);
+	mState.store(kNoWorker, std::memory_order_release);
 	mCallback.store(callback, std::memory_order_relaxed);
 	mWaitTimeoutMs.store(static_cast<uint32_t>(waitTimeoutMs), std::memory_order_relaxed);
 	mThread = WorkerThread::start(workerEntry, this, 0);
@@ -43,8 +36,9 @@ int CstxSemaphore::StartWorker(CallBackFunction callback, int waitTimeoutMs, int
 }
 
 int CstxSemaphore::StopWorker() {
-	int budget = kStopLooks;
-	uint32_t running = kRunning; // exchanged, so that a worker ending by itself is not asked again
+	int budget = mThread && mThread->isCurrent() ? 0 : kStopLooks;
+	uint32_t running =
+	    static_cast<uint32_t>(kRunning); // exchanged, so that a worker ending by itself is not asked again
 	if (mHandle && mState.compare_exchange_strong(running, kStopRequested, std::memory_order_acq_rel))
 		Release(1, nullptr);
 	while (mState.load(std::memory_order_acquire) == kStopRequested && budget > 0) {
@@ -55,7 +49,7 @@ int CstxSemaphore::StopWorker() {
 		Release(1, nullptr);
 	}
 	if (mState.load(std::memory_order_acquire) == kStopRequested) return kQorFailure;
-	mState.store(kNone, std::memory_order_release);
+	mState.store(kNoWorker, std::memory_order_release);
 	return kQorSuccess;
 }
 
@@ -68,7 +62,7 @@ unsigned CstxSemaphore::Worker(WorkerThread& thread) {
 	mState.store(kRunning, std::memory_order_release);
 	mSignalCount.store(0, std::memory_order_relaxed);
 	thread.entered();
-	if (!CallBack(thread, kCodeStarted, 0, nullptr)) return 0;
+	if (!CallBack(thread, kCallBackStarted, 0, nullptr)) return 0;
 	bool goOn = true;
 	while (goOn && mState.load(std::memory_order_acquire) == kRunning) {
 		const platform::WaitHandle semaphore = mHandle;
@@ -78,7 +72,7 @@ unsigned CstxSemaphore::Worker(WorkerThread& thread) {
 		if (!thread.back() || !handleWait(thread, result, &goOn)) return 0;
 	}
 	mState.store(kEnded, std::memory_order_release);
-	CallBack(thread, kCodeEnding, 0, nullptr);
+	CallBack(thread, kCallBackEnding, 0, nullptr);
 	return 0;
 }
 
@@ -86,12 +80,12 @@ unsigned CstxSemaphore::Worker(WorkerThread& thread) {
 bool CstxSemaphore::handleWait(WorkerThread& thread, uint32_t result, bool* goOn) {
 	if (result == platform::kWaitAcquired) {
 		if (mState.load(std::memory_order_acquire) != kRunning) return true;
-		if (!CallBack(thread, kCodeSignal, mSignalCount.load(std::memory_order_relaxed), nullptr)) return false;
+		if (!CallBack(thread, kCallBackSignal, mSignalCount.load(std::memory_order_relaxed), nullptr)) return false;
 		mSignalCount.fetch_add(1, std::memory_order_relaxed);
 		return true;
 	}
 	int answer = 0;
-	if (!CallBack(thread, kCodeNoSignal, result == platform::kWaitTimeout ? 1 : 0, &answer)) return false;
+	if (!CallBack(thread, kCallBackNoSignal, result == platform::kWaitTimeout ? 1 : 0, &answer)) return false;
 	*goOn = answer == 0;
 	// Waits on a closed semaphore fail at once: do not take a processor for them.
 	if (result != platform::kWaitTimeout) platform::yieldThread();
@@ -102,7 +96,7 @@ bool CstxSemaphore::handleWait(WorkerThread& thread, uint32_t result, bool* goOn
 bool CstxSemaphore::CallBack(WorkerThread& thread, unsigned long code, unsigned long a, int* answer) {
 	const CallBackFunction callback = mCallback.load(std::memory_order_relaxed);
 	thread.away();
-	const int result = callback ? callback(this, code, a, 0) : 0;
+	const int result = callback ? base::callHost("CstxSemaphore", [&] { return callback(this, code, a, 0); }) : 0;
 	if (!thread.back()) return false;
 	if (answer) *answer = result;
 	return true;

@@ -9,6 +9,19 @@ namespace threads {
 class WorkerThread;
 }
 
+struct CstxSemaphoreConstants {
+	static constexpr unsigned long kCallBackStarted = 1;
+	static constexpr unsigned long kCallBackEnding = 2;
+	static constexpr unsigned long kCallBackSignal = 3;
+	static constexpr unsigned long kCallBackNoSignal = 4;
+
+	// States of the worker.
+	static constexpr unsigned long kNoWorker = 0;
+	static constexpr unsigned long kRunning = 1;
+	static constexpr unsigned long kStopRequested = 2;
+	static constexpr unsigned long kEnded = 3; ///< by itself; until the next start or stop
+};
+
 /// A semaphore with a thread that answers every release by one call.
 ///
 /// The owner calls `Create` of the semaphore, then `StartWorker`; producers on any thread
@@ -16,21 +29,21 @@ class WorkerThread;
 ///
 /// | code | when | a | b |
 /// |---|---|---|---|
-/// | 1 | the worker has started, before its first wait | 0 | 0 |
-/// | 3 | the semaphore was acquired while the worker is to run | signals handled before this one | 0 |
-/// | 4 | a wait ended without the semaphore | 1 time-out, 0 failure | 0 |
-/// | 2 | the worker is about to end | 0 | 0 |
+/// | `kCallBackStarted` 1 | the worker has started, before its first wait | 0 | 0 |
+/// | `kCallBackSignal` 3 | the semaphore was acquired while the worker is to run | signals handled before this one | 0
+/// | | `kCallBackNoSignal` 4 | a wait ended without the semaphore | 1 time-out, 0 failure | 0 | | `kCallBackEnding` 2 |
+/// the worker is about to end | 0 | 0 |
 ///
 /// A non-zero answer to code 4 ends the worker; all other answers are ignored. A wait that
 /// fails (the semaphore was closed) is reported and tried again at once, so the callback
 /// decides whether to go on.
 ///
 /// `StartWorker`, `StopWorker` and the destructor belong to one owner thread, or are serialised by it.
-class QOR_API CstxSemaphore : public CstSemaphore {
+class QOR_API CstxSemaphore : public CstSemaphore, public CstxSemaphoreConstants {
 public:
 	using CallBackFunction = int (*)(CstxSemaphore* sender, unsigned long code, unsigned long a, unsigned long b);
 
-	CstxSemaphore() = default;
+	CstxSemaphore();
 
 	/// Stops the worker as `StopWorker` does and closes the semaphore.
 	///
@@ -50,12 +63,13 @@ public:
 
 	/// Asks the worker to end and waits for it, at most about 50 s, looking every 50 ms and
 	/// logging each look. Signals not yet handled are dropped; each look adds one release to
-	/// the semaphore. The worker's code 2 call may still be running on return.
+	/// the semaphore. The worker's code 2 call may still be running on return. Within a callback
+	/// it does not wait: the worker that makes the call cannot end meanwhile.
 	/// @return 0, also without a worker; 0x10000000 when the worker did not end in time: it is
 	///         still asked to, and ends when its callback returns.
 	int StopWorker();
 
-	/// 0 no worker, 1 running, 2 asked to stop, 3 ended by itself (until the next start or stop).
+	/// `kNoWorker` to `kEnded`.
 	unsigned long GetWorkerState() const { return mState.load(std::memory_order_acquire); }
 
 private:
@@ -68,5 +82,6 @@ private:
 	std::atomic<CallBackFunction> mCallback{nullptr};
 	std::atomic<uint32_t> mSignalCount{0};
 	std::atomic<uint32_t> mWaitTimeoutMs{0};
+	void* mSpare[2] = {};
 	threads::WorkerThread* mThread = nullptr; // the latest worker; kept until the next start or the end
 };

@@ -1,5 +1,7 @@
 #include "timer.h"
 
+#include "../base/host_call_internal.h"
+#include "../base/object_watch_internal.h"
 #include "../core/class_manager.h"
 #include "../core/runtime.h"
 #include "../platform/clock.h"
@@ -30,7 +32,10 @@ void requestStop(std::atomic<uint32_t>& state) {
 
 } // namespace
 
+CmcUtilTimer::CmcUtilTimer() = default;
+
 CmcUtilTimer::~CmcUtilTimer() {
+	base::ObjectWatch::objectGone(mWatches);
 	Destroy();
 	WorkerThread::part(mThread, threads::kEndWaitMs);
 }
@@ -73,8 +78,9 @@ int CmcUtilTimer::WaitForEnd(unsigned long timeoutMs) {
 
 int CmcUtilTimer::Signal() {
 	const CallBackFunction callback = mCallback.load(std::memory_order_relaxed);
-	if (callback) callback(this, 0, 0, nullptr, nullptr);
-	OnSignal();
+	const base::ObjectWatch watch(mWatches);
+	if (callback) base::callHost("CmcUtilTimer", [&] { callback(this, 0, 0, nullptr, nullptr); });
+	if (watch.alive()) base::callHost("CmcUtilTimer OnSignal", [&] { OnSignal(); });
 	return kQorSuccess;
 }
 
@@ -110,10 +116,10 @@ bool CmcUtilTimer::signalAway(WorkerThread& thread) {
 	const CallBackFunction callback = mCallback.load(std::memory_order_relaxed);
 	if (callback) {
 		thread.away();
-		callback(this, 0, 0, nullptr, nullptr);
+		base::callHost("CmcUtilTimer", [&] { callback(this, 0, 0, nullptr, nullptr); });
 		if (!thread.back()) return false;
 	}
 	thread.away();
-	OnSignal();
+	base::callHost("CmcUtilTimer OnSignal", [&] { OnSignal(); });
 	return thread.back();
 }

@@ -7,6 +7,9 @@
 #include <atomic>
 #include <cstdint>
 
+namespace base {
+class ObjectWatch;
+}
 namespace threads {
 class WorkerThread;
 }
@@ -23,7 +26,7 @@ class QOR_API CmcUtilTimer : public Cmc {
 public:
 	using CallBackFunction = int (*)(CmcUtilTimer* sender, unsigned long a, unsigned long b, void* p, void* q);
 
-	CmcUtilTimer() = default;
+	CmcUtilTimer();
 
 	/// As `Destroy`, then `WaitForEnd(5000)`. A thread still inside a callback after that is left
 	/// to end by itself and does not touch this object again.
@@ -39,7 +42,9 @@ public:
 	int classfunc(unsigned long command, unsigned long a, unsigned long b, void* out, void* p) override;
 	static int qorMC__CLASSFUNC(unsigned long command, unsigned long a, unsigned long b, void* out, void* p);
 
-	/// Starts the signals; a running timer is ended first. Returns when the thread has entered,
+	/// Starts the signals; a running timer is ended first: a callback of it that has not returned
+	/// after 5 s, or that makes this call, is left to end by itself and signals no more. Period and
+	/// callback never mix with the former ones. Returns when the thread has entered,
 	/// so that a `Destroy` right behind is never missed.
 	/// @param callback may be null; its result is ignored.
 	/// @return 0; 0x10000000, with period and callback stored, when the system refuses a thread.
@@ -53,7 +58,8 @@ public:
 	/// @return 0, also without a thread; 0x10000000 on time-out or from the timer's own thread.
 	int WaitForEnd(unsigned long timeoutMs);
 
-	/// Signals from the calling thread: callback, then `OnSignal`. @return 0.
+	/// Signals from the calling thread: callback, then `OnSignal`, unless the callback destroyed the
+	/// timer. @return 0.
 	int Signal();
 
 	/// Called after the callback, on the timer's thread or the caller of `Signal`. The result is ignored.
@@ -70,4 +76,6 @@ private:
 	std::atomic<uint32_t> mThreadId{0};
 	std::atomic<uint32_t> mState{0}; // 0 idle, 1 running, 2 stop requested, 3 ended
 	std::atomic<CallBackFunction> mCallback{nullptr};
+	base::ObjectWatch* mWatches = nullptr; // signals under way
+	void* mSpare[2] = {};
 };

@@ -48,8 +48,10 @@ bool WorkerThread::leave() {
 	return mPlace.compare_exchange_strong(place, kLeft, std::memory_order_acq_rel, std::memory_order_acquire);
 }
 
+bool WorkerThread::isCurrent() const { return mThreadId.load(std::memory_order_relaxed) == platform::threadId(); }
+
 bool WorkerThread::waitForEnd(uint32_t timeoutMs) const {
-	if (mThreadId.load(std::memory_order_relaxed) == platform::threadId()) return false;
+	if (isCurrent()) return false;
 	return platform::wait(mHandle, timeoutMs) == platform::kWaitAcquired;
 }
 

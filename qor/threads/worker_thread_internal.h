@@ -30,6 +30,9 @@ public:
 	/// Waits for the thread's end. @return false on time-out, or from the thread itself.
 	bool waitForEnd(uint32_t timeoutMs) const;
 
+	/// Whether this is the calling thread.
+	bool isCurrent() const;
+
 	/// The owner's last use of the thread: waits for its end and leaves it when the time is up, a thread
 	/// that calls this itself at once. Null does nothing; `thread` is null afterwards.
 	static void part(WorkerThread*& thread, uint32_t timeoutMs);

@@ -61,6 +61,24 @@ TEST(Faults, ArraysStayAsTheyWere) {
 	EXPECT_EQ(failEach([&] { return pages.AddItem(5) || pages.laGetCount() != 0 || pages.GetCount() != 0; }), 2);
 }
 
+TEST(Containers, AChangeSeldomMovesTheContents) {
+	constexpr int kChanges = 100000;
+	CstmArray<int> array;
+	CstMemFile file;
+	const auto moves = [](auto change) {
+		platform::armFault(FaultPoint::memory, kChanges * 9); // counts only
+		for (int i = 0; i < kChanges; ++i) change();
+		const int calls = platform::faultCalls(FaultPoint::memory);
+		platform::armFault(FaultPoint::memory, 0);
+		return calls;
+	};
+	EXPECT_LT(moves([&] { array.Add(7); }), 40);
+	EXPECT_LT(moves([&] { file.Write("record", 6); }), 40);
+	EXPECT_TRUE(array.mvGetSize() == kChanges * sizeof(int) && file.GetSize() == kChanges * 6);
+	const int shrinks = moves([&] { array.Delete(array.Count() - 1); });
+	EXPECT_TRUE(shrinks > 5 && shrinks < 40 && !array.mvGetData());
+}
+
 TEST_F(FileFaults, StringSetsTakeAllOrNone) {
 	CstmCharStringSet set, three;
 	for (const char* text : {"a", "b", "c"}) three.Add(text);
@@ -105,7 +123,7 @@ TEST_F(FileFaults, BytesAFullDiskDidNotTakeAreReported) {
 	file.PrepareForWriteStreaming(4);
 	EXPECT_EQ(file.Write(nullptr, 5000), 904u);
 	EXPECT_EQ(file.FinishStreaming(), 0u); // as ever: what was lost stands beside it
-	EXPECT_EQ(file.GetLostBytes(), 500u); // of the 904 in the second block
+	EXPECT_EQ(file.GetLostBytes(), 500u);  // of the 904 in the second block
 	EXPECT_EQ(written().size(), 4500u);
 	file.Close();
 

@@ -68,9 +68,11 @@ TEST_F(MultiQueue, DealsOutInTurnAndTheCounterMovesByOne) {
 
 TEST_F(MultiQueue, ReportsItsUsage) {
 	SIZE size;
-	EXPECT_EQ(multi.getWorkerCount(&size) + multi.getWorkerCount(nullptr), 0);
+	int instances = 7, workers = 7;
+	EXPECT_EQ(multi.getWorkerCount(&size) + multi.getWorkerCount(static_cast<SIZE*>(nullptr)), 0);
 	ASSERT_EQ(multi.Create(callBack, 2, 4, 8, 0, 0), 0);
 	EXPECT_EQ(multi.getWorkerCount(&size) * 100 + size.cx * 10 + size.cy, 824);
+	EXPECT_EQ(multi.getWorkerCount(&instances, &workers) * 100 + instances * 10 + workers, 824);
 	for (const auto& [i, j] : {std::pair(-1, 0), {2, 0}, {0, -1}, {0, 4}}) EXPECT_EQ(multi.getWorker(i, j), nullptr);
 	fill(2, 3);
 	int usage[2];
@@ -99,6 +101,17 @@ TEST_F(MultiQueue, ProducersLoseNothingAndKeepTheOrderOfAnInstance) {
 	for (auto& producer : producers) producer.join();
 	multi.Destroy(); // finishes what is queued
 	for (unsigned i = 0; i < 9000; ++i) ASSERT_EQ(words[i % 3].at(i / 3), i / 3);
+}
+
+TEST_F(MultiQueue, DestroyReachesItemsBeyondTheSignalsOfAnInstance) {
+	for (const int workers : {1, 2}) { // one takes without the lock
+		hold = true, items = 0;
+		ASSERT_EQ(multi.Create(callBack, 1, workers, 1200, 0, 0), 0);
+		for (int i = 0; i < 1200; ++i) ASSERT_NE(add(), nullptr);
+		hold = false;
+		multi.Destroy();
+		EXPECT_EQ(items, 1200);
+	}
 }
 
 TEST_F(MultiQueue, DestroyDrainsWhileCallbacksUseTheObject) {

@@ -15,13 +15,13 @@ namespace {
 		static constexpr T kTolerance = tolerance;                                                                     \
 		static constexpr auto fromVectors = space##CalculateParametersFromVectors;                                     \
 		static constexpr auto calibrate = space##CalculateParameters;                                                  \
-		static constexpr auto position = space##CalculateCameraPosition;                                               \
-		static constexpr auto director = space##CalculateDirector;                                                     \
-		static constexpr auto locate = space##Calculate3D;                                                             \
-		static constexpr auto locateAVP = space##Calculate3D_AVP;                                                      \
-		static constexpr auto calibratePlane = plane##CalculateParameters;                                             \
-		static constexpr auto toPlane = plane##CalculatePosition;                                                      \
-		static constexpr auto toImage = plane##CalculateInversePosition;                                               \
+		static inline const auto position = space##CalculateCameraPosition;                                            \
+		static inline const auto director = space##CalculateDirector;                                                  \
+		static inline const auto locate = space##Calculate3D;                                                          \
+		static inline const auto locateAVP = space##Calculate3D_AVP;                                                   \
+		static inline const auto calibratePlane = plane##CalculateParameters;                                          \
+		static inline const auto toPlane = plane##CalculatePosition;                                                   \
+		static inline const auto toImage = plane##CalculateInversePosition;                                            \
 		static int project(T* uv, const T* l, const T* p) { return space##Calculate2DPosition(uv, l, p); }             \
 		static int project(T* uv, const T* l, T x, T y, T z) { return space##Calculate2DPosition(uv, l, x, y, z); }    \
 	}

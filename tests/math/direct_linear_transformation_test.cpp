@@ -13,8 +13,8 @@ namespace {
 	struct Name {                                                                                                      \
 		using T = Type;                                                                                                \
 		static constexpr T kTolerance = tolerance;                                                                     \
-		static constexpr auto fromVectors = space##CalculateParametersFromVectors;                                     \
-		static constexpr auto calibrate = space##CalculateParameters;                                                  \
+		static inline const auto fromVectors = space##CalculateParametersFromVectors;                                  \
+		static inline const auto calibrate = space##CalculateParameters;                                               \
 		static inline const auto position = space##CalculateCameraPosition;                                            \
 		static inline const auto director = space##CalculateDirector;                                                  \
 		static inline const auto locate = space##Calculate3D;                                                          \

@@ -33,7 +33,7 @@ void addRecordOptions(CLI::App& command, RecordOptions& options) {
 	command.add_option("--rate", options.frameRate, "frames a second")->check(CLI::PositiveNumber);
 	command.add_option("--exposure", options.exposure, "in the camera's unit")->check(CLI::PositiveNumber);
 	command.add_option("--pixel-format", options.pixelFormat, "as the camera names it, for example Mono16");
-	command.add_option("--set", options.settings, "feature=value, may be repeated");
+	command.add_option("--set", options.settings, "feature=value (text, integer or float), may be repeated");
 	command.add_option("--size-mb", options.sizeMB, "size of a data file that is made now")
 	    ->check(CLI::Range(16, 16777216))
 	    ->capture_default_str();
@@ -48,6 +48,7 @@ void addRecordOptions(CLI::App& command, RecordOptions& options) {
 CLI::App* addPlayCommand(CLI::App& app, const char* name, const char* text, PlayOptions& options) {
 	auto* command = app.add_subcommand(name, text);
 	command->add_option("--storage", options.storage, "folder of the recording")->required();
+	command->add_option("--log", options.log, "file for the log; reading a recording writes nothing else");
 	command->add_option("--session", options.session, "number of the session; all when not given")
 	    ->check(CLI::NonNegativeNumber);
 	return command;
@@ -56,8 +57,9 @@ CLI::App* addPlayCommand(CLI::App& app, const char* name, const char* text, Play
 } // namespace
 
 int main(int argc, char** argv) {
-	CLI::App app("Records cameras and plays recordings back.\n"
-	             "Exit code: 0 good, 1 frames lost or damaged, 2 wrong command line, 3 anything else.");
+	CLI::App app(
+	    "Records cameras and plays recordings back.\n"
+	    "Exit code: 0 good, 1 frames lost, damaged or fewer than asked for, 2 wrong command line, 3 anything else.");
 	app.require_subcommand(1);
 	std::string plugIns, log;
 	auto* listing = app.add_subcommand("list", "show the cameras of a plug-in folder");

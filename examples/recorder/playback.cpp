@@ -22,7 +22,7 @@ int trouble(const std::string& text) {
 /// A storage opened to read. Only a storage that exists is opened: playback makes no files.
 class OpenStorage {
 public:
-	explicit OpenStorage(const std::string& folder) : mFiles(folder) {}
+	explicit OpenStorage(const PlayOptions& options) : mFiles(options.storage), mLog(options.log) {}
 
 	int open() {
 		for (const auto& file : {mFiles.sessions, mFiles.index, mFiles.data}) {
@@ -30,16 +30,19 @@ public:
 			if (!std::filesystem::is_regular_file(file, error))
 				return trouble("there is no recording in '" + mFiles.folder + "' (" + file + " is missing)");
 		}
-		appRawInit((mFiles.folder + "/playback.log").c_str(), 0);
+		appRawInit(mLog.c_str(), 0);
 		std::error_code error;
 		const auto bytes = std::filesystem::file_size(mFiles.data, error);
 		mStorage.Create(
 		    mFiles.sessions.c_str(), mFiles.index.c_str(), mFiles.data.c_str(), static_cast<int>(bytes >> 20));
-		mDamaged = mStorage.GetSessionList().Load() != 0;
+		const std::string more = mLog.empty() ? "'--log <file>' says more" : mLog + " says more";
+		if (!list().IsOpen()) return trouble("cannot read " + mFiles.sessions + "; " + more);
+		if (!mStorage.GetTotalSpace())
+			return trouble("cannot open " + mFiles.data + " or " + mFiles.index + "; " + more);
+		mDamaged = list().Load() != 0;
 		if (mDamaged)
-			std::cerr << "recorder: the session list is damaged; what can be believed is used, " << mFiles.folder
-			          << "/playback.log says more\n";
-		return mStorage.GetTotalSpace() > 0 ? kExitGood : trouble("cannot open " + mFiles.data);
+			std::cerr << "recorder: the session list is damaged; what can be believed is used, " << more << "\n";
+		return kExitGood;
 	}
 
 	const StorageFiles& files() const { return mFiles; }
@@ -50,6 +53,7 @@ public:
 
 private:
 	StorageFiles mFiles;
+	std::string mLog;
 	CmsStorage mStorage;
 	bool mDamaged = false;
 };
@@ -226,7 +230,7 @@ int eachSession(OpenStorage& storage, const PlayOptions& options, Visit visit) {
 int verify(const PlayOptions& options) {
 	if (!options.against.empty() && numberedFiles(options.against).empty())
 		return trouble("'" + options.against + "' has no numbered .pgm files");
-	OpenStorage storage(options.storage);
+	OpenStorage storage(options);
 	if (const int result = storage.open()) return result;
 	Findings found;
 	const double start = appGetTime();
@@ -244,7 +248,7 @@ int verify(const PlayOptions& options) {
 }
 
 int play(const PlayOptions& options) {
-	OpenStorage storage(options.storage);
+	OpenStorage storage(options);
 	if (const int result = storage.open()) return result;
 	std::error_code error;
 	std::filesystem::create_directories(options.exportTo, error);
@@ -282,7 +286,7 @@ int play(const PlayOptions& options) {
 }
 
 int sessions(const PlayOptions& options) {
-	OpenStorage storage(options.storage);
+	OpenStorage storage(options);
 	if (const int result = storage.open()) return result;
 	std::cout << storage.list().GetCount() << " sessions, " << (storage.storage().GetAvailableSpace() >> 20) << " of "
 	          << (storage.storage().GetTotalSpace() >> 20) << " MB free\n";
@@ -296,9 +300,9 @@ int sessions(const PlayOptions& options) {
 }
 
 int reset(const PlayOptions& options) {
-	OpenStorage storage(options.storage);
+	OpenStorage storage(options);
 	if (const int result = storage.open()) return result;
-	storage.storage().ResetAll();
+	if (storage.storage().ResetAll() != 0) return trouble("the empty session list cannot be saved; all stays as it is");
 	std::cout << "the storage is empty: " << (storage.storage().GetAvailableSpace() >> 20) << " MB free\n";
 	return kExitGood;
 }

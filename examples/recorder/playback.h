@@ -4,6 +4,7 @@
 
 struct PlayOptions {
 	std::string storage;
+	std::string log;  // file for the log; empty: none
 	int session = -1; // -1: all
 	long long first = 0;
 	long long count = -1; // -1: to the end

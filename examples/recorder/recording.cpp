@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -110,6 +111,23 @@ int acknowledgeGeometry(void*, CqorSIO_VideoCap*, unsigned long code, unsigned l
 	return 0;
 }
 
+/// Reads a number that is the whole text. It has a point whatever the host's language is.
+template <typename Number>
+bool readNumber(const std::string& text, Number* number) {
+	const char* end = text.data() + text.size();
+	const auto result = std::from_chars(text.data(), end, *number);
+	return result.ec == std::errc() && result.ptr == end;
+}
+
+/// Gives a feature its value, as the kind that the camera takes: text, integer or float.
+bool setFeature(CqorSIO_VideoCap& camera, const std::string& feature, const std::string& value) {
+	int integer = 0;
+	float real = 0;
+	return camera.genICam_SetString(feature.c_str(), value.c_str()) == 0 ||
+	       (readNumber(value, &integer) && camera.genICam_SetInt32(feature.c_str(), integer) == 0) ||
+	       (readNumber(value, &real) && camera.genICam_SetFloat32(feature.c_str(), real) == 0);
+}
+
 /// Sets the features in `settings`. Some cameras take a feature only before they are opened,
 /// some only afterwards: what the camera refuses stays in `settings`.
 /// @return false, with a message, for a setting that is not written feature=value.
@@ -122,8 +140,7 @@ bool applySettings(CqorSIO_VideoCap& camera, std::vector<std::string>& settings)
 			return false;
 		}
 		const auto feature = setting.substr(0, equals);
-		if (camera.genICam_SetString(feature.c_str(), setting.substr(equals + 1).c_str()) != 0)
-			refused.push_back(setting);
+		if (!setFeature(camera, feature, setting.substr(equals + 1))) refused.push_back(setting);
 	}
 	settings = std::move(refused);
 	return true;
@@ -201,8 +218,27 @@ double acquire(
 	return now - start;
 }
 
+/// Why the recording has less than was asked for; empty when it has it all.
+std::string whatIsMissing(
+    const RecordOptions& options, const CmsSession& session, const FrameSink& sink, double seconds) {
+	const auto record = session.GetRecord();
+	const uint64_t written = session.GetWrittenFrameCount();
+	const bool full = record.mFrameCount >= record.mMaxFrameCount;
+	const bool timeLeft = options.seconds > 0 && seconds < options.seconds;
+	const bool tooFew = options.frames && written < options.frames;
+	if (!tooFew && !(full && timeLeft && !options.frames)) return {};
+	std::string why = "the time was over";
+	if (options.seconds <= 0 || timeLeft) why = "no more came";
+	if (sink.hasEnded()) why = "the camera's frames came to an end";
+	if (interrupted) why = "stopped by the user";
+	if (full) why = "the storage is full";
+	if (!tooFew) return why + " before the time was over";
+	return std::to_string(options.frames - written) + " of " + std::to_string(options.frames) +
+	       " frames were not recorded: " + why;
+}
+
 int report(const StorageFiles& files, const CmsStorage& storage, const CmsSession& session, int number,
-    const FrameSink& sink, double seconds) {
+    const FrameSink& sink, double seconds, const std::string& missing) {
 	emsSTORAGE_COUNTERS counters = {};
 	session.GetCounters(&counters);
 	const auto written = session.GetWrittenFrameCount();
@@ -219,9 +255,12 @@ int report(const StorageFiles& files, const CmsStorage& storage, const CmsSessio
 		          << " index writes and " << counters.mFailedListSaves << " session lists failed (disk full?)\n";
 	if (sink.mRecordsLost) std::cout << "frame records lost: " << sink.mRecordsLost << "\n";
 	if (sink.mOffline) std::cout << "the camera went offline\n";
+	if (!missing.empty()) std::cout << missing << "\n";
 	std::cout << "log      " << files.log << "\ndata     " << files.data << "\nindex    " << files.index
 	          << "\nsessions " << files.sessions << "\n";
-	return lost || sink.mIncomplete || sink.mOffline || counters.mFailedListSaves ? kExitFramesBad : kExitGood;
+	const bool bad =
+	    lost || sink.mIncomplete || sink.mOffline || sink.mRecordsLost || counters.mFailedListSaves || !missing.empty();
+	return bad ? kExitFramesBad : kExitGood;
 }
 
 int recordSession(
@@ -233,7 +272,9 @@ int recordSession(
 	const int number = list.GetCount();
 	emsSTORAGE_SESSION record = {};
 	if (storage.CalculateSession(&record, static_cast<unsigned>(frameBytes)) != 0 || record.mMaxFrameCount == 0)
-		return trouble("the storage has no room for another session; 'recorder reset' empties it");
+		return trouble("the storage has no room for another session ('recorder reset' empties it), or its session list "
+		               "is damaged and nobody knows what is free; see " +
+		               files.log);
 	auto info = describe(camera, record.mFirstIndex);
 	std::memcpy(record.mUser, &info, sizeof info);
 	CmsSession* session = list.Add(&record);
@@ -265,7 +306,8 @@ int recordSession(
 	device.SetUserCallBack(nullptr, nullptr);
 	progressLine(*session, sink, seconds, '\n');
 	if (interrupted) std::cout << "stopped by the user\n";
-	const int result = report(files, storage, *session, number, sink, seconds);
+	const std::string missing = whatIsMissing(options, *session, sink, seconds);
+	const int result = report(files, storage, *session, number, sink, seconds, missing);
 	session->FreeResources();
 	return result;
 }
@@ -299,7 +341,7 @@ int record(const RecordOptions& options) {
 			result = recordSession(*camera, storage, files, options);
 		} else {
 			trouble("the storage in '" + options.storage +
-			        "' cannot be used (disk full, not writable, or a damaged file); see " + files.log);
+			        "' cannot be used (disk full, not writable, or a file that cannot be read); see " + files.log);
 		}
 	}
 	camera->device->cmdStop();

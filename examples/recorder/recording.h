@@ -21,5 +21,5 @@ struct RecordOptions {
 };
 
 /// Records until a limit, Ctrl-C, the end of the camera's frames or a full session.
-/// @return an `ExitCode`: `kExitFramesBad` when a frame was lost.
+/// @return an `ExitCode`: `kExitFramesBad` when a frame was lost, or less was recorded than asked for.
 int record(const RecordOptions& options);

@@ -63,6 +63,8 @@ public:
 	/// @return false (position unchanged) for a position before the start.
 	virtual bool seek(int64_t offset, SeekOrigin origin, int64_t* newPosition) = 0;
 	virtual bool size(int64_t* bytes) = 0;
+	/// Cuts or lengthens the file; the position stays. @return false where that is not possible.
+	virtual bool setSize(int64_t bytes) { return static_cast<void>(bytes), false; }
 	/// Hands everything written to the medium.
 	virtual bool flush() = 0;
 	/// Gives a private file the owner, group and rights of the file at `path` (a link itself

@@ -5,8 +5,9 @@
 #include "../platform/machine.h"
 #include "../platform/thread.h"
 #include "../platform/wait.h"
-#include "session.h"
-#include "storage.h"
+#include "session_internal.h"
+#include "session_list.h"
+#include "storage_internal.h"
 
 #include <utility>
 
@@ -66,7 +67,7 @@ void BufferWriter::waitUntilFree(const std::atomic<int>& onTheirWay) {
 
 void BufferWriter::post(emsSTORAGE_BUFFER* buffer) {
 	buffer->mPosted = true;
-	++buffer->mSession->mOnTheirWay;
+	++buffer->mSession->mParts->mOnTheirWay;
 	++mOnTheirWay;
 	{
 		const std::lock_guard guard(mWaitingMutex);
@@ -117,7 +118,7 @@ bool BufferWriter::writeIndexRecords(emsSTORAGE_BUFFER& buffer) {
 void BufferWriter::reportIndexFailure(const emsSTORAGE_BUFFER& buffer) {
 	buffer.mSession->log(
 	    3, "Index records at %I64d not written (err=%d)", buffer.mFirstIndex, static_cast<int>(platform::lastError()));
-	buffer.mSession->count(&emsSTORAGE_LIVE_COUNTERS::mFailedIndexWrites, 1);
+	buffer.mSession->mParts->count(&LiveCounters::mFailedIndexWrites, 1);
 }
 
 /// @return bytes that reached the target.
@@ -130,9 +131,9 @@ long long BufferWriter::writeFrames(emsSTORAGE_BUFFER& buffer) {
 	const double rate = seconds > 0 ? megabytes / seconds : 0;
 	buffer.mLastWriteTime = seconds;
 	buffer.mLastWriteRate = rate;
-	mStorage.addRate(rate);
+	mStorage.mParts->addRate(rate);
 	if (moved < bytes) {
-		buffer.mSession->count(&emsSTORAGE_LIVE_COUNTERS::mShortWrites, 1);
+		buffer.mSession->mParts->count(&LiveCounters::mShortWrites, 1);
 		appmsg("[ERROR] Write (%I64d of %I64d)", moved, bytes);
 	}
 	appmsg("WRITING> %12.2f MB/sec (AVG=%12.2f MB/sec)    %12.2f MB  (%12.2f sec)", rate, mStorage.GetAverageRate(),
@@ -145,7 +146,7 @@ long long BufferWriter::writeFrames(emsSTORAGE_BUFFER& buffer) {
 long long BufferWriter::moveToTarget(emsSTORAGE_BUFFER& buffer, long long bytes) {
 	long long moved = 0;
 	mStorage.driveLock();
-	const bool inside = buffer.mStoragePos >= 0 && bytes <= mStorage.mTargetBytes - buffer.mStoragePos;
+	const bool inside = buffer.mStoragePos >= 0 && bytes <= mStorage.GetTargetBytes() - buffer.mStoragePos;
 	if (inside && mStorage.driveSeek(buffer.mStoragePos) == buffer.mStoragePos) {
 		moved = mStorage.driveWrite(buffer.mData, bytes, &buffer.mProgress);
 	}
@@ -159,7 +160,7 @@ void BufferWriter::markLostFrames(emsSTORAGE_BUFFER& buffer, long long bytesMove
 	const int whole = static_cast<int>(bytesMoved / buffer.mAlignedFrameSize);
 	if (whole >= buffer.mFramesUsed) return;
 	buffer.mFramesLost = buffer.mFramesUsed - whole;
-	buffer.mSession->count(&emsSTORAGE_LIVE_COUNTERS::mLostFrames, static_cast<unsigned long long>(buffer.mFramesLost));
+	buffer.mSession->mParts->count(&LiveCounters::mLostFrames, static_cast<unsigned long long>(buffer.mFramesLost));
 	for (int i = whole; i < buffer.mFramesUsed; ++i) buffer.mIndex[i].mFrameSize = 0;
 	buffer.mIndexWritten = writeIndexRecords(buffer);
 }
@@ -189,9 +190,9 @@ void BufferWriter::commit(BufferChain batch) {
 	for (emsSTORAGE_BUFFER* buffer = batch.mFirst; buffer; buffer = buffer->mNext) {
 		if (buffer->mFramesUsed == 0) continue;
 		anyFrames = true;
-		if (buffer->mSession->bufferWritten(*buffer, stored && buffer->mIndexWritten)) continue;
+		if (buffer->mSession->mParts->bufferWritten(*buffer, stored && buffer->mIndexWritten)) continue;
 		const auto more = static_cast<unsigned long long>(buffer->mFramesUsed - buffer->mFramesLost);
-		buffer->mSession->count(&emsSTORAGE_LIVE_COUNTERS::mLostFrames, more);
+		buffer->mSession->mParts->count(&LiveCounters::mLostFrames, more);
 	}
 	if (anyFrames) mStorage.mSessionList.Save();
 	while (emsSTORAGE_BUFFER* buffer = batch.takeFirst()) release(buffer);
@@ -221,7 +222,7 @@ void BufferWriter::release(emsSTORAGE_BUFFER* buffer) {
 	const std::lock_guard guard(mWrittenMutex);
 	buffer->mState = emsBUFFER_FREE;
 	if (!posted) return; // came past the queue, from a caller of the callback
-	--session->mOnTheirWay;
+	--session->mParts->mOnTheirWay;
 	--mOnTheirWay;
 	mReleased.notify_all();
 }

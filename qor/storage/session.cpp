@@ -4,49 +4,44 @@
 #include "../base/wait_guard.h"
 #include "../core/runtime.h"
 #include "../platform/clock.h"
-#include "../platform/memory.h"
-#include "buffer_writer_internal.h"
+#include "session_internal.h"
 #include "session_list.h"
+#include "session_list_internal.h"
 #include "storage.h"
+#include "storage_internal.h"
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
+#include <new>
+
+using storage_parts::LiveCounters;
+using storage_parts::SessionParts;
 
 namespace {
 
-constexpr uint32_t kRecording = 1;
-constexpr uint32_t kPlaybackOpen = 2;
 /// Lets a producer that has passed the recording bit finish its frame.
 constexpr uint32_t kStopPauseMs = 30;
-constexpr long long kNoLimit = std::numeric_limits<long long>::max();
 
 } // namespace
 
 CmsSession::CmsSession()
     : mSession(), mStorage(nullptr), mList(nullptr), mIndexList(nullptr), mStartTime(0), mStopTime(0),
       mCurrentBuffer(nullptr), mMutex(platform::createMutex(false)), mState(0), mPreviousState(0), mRunMarker(0),
-      mPlayback(0), mUnwritten(0), mFrameLimit(kNoLimit), mClosed(false), mOnTheirWay(0) {
+      mPlayback(kPlaybackClosed), mParts(new (std::nothrow) SessionParts(*this)) {
 	settype("CmsSession");
 }
 
 CmsSession::~CmsSession() {
 	Destroy();
 	platform::closeHandle(mMutex);
+	delete mParts;
 }
 
 int CmsSession::Create(const emsSTORAGE_SESSION* record) {
-	if (!record) return kQorFailure;
+	if (!record || !mParts) return kQorFailure;
 	const base::MutexGuard guard(mMutex);
 	mSession = *record;
-	mUnwritten = 0;
-	mFrameLimit = kNoLimit;
-	mClosed = false;
-	for (const Counter which : {&emsSTORAGE_LIVE_COUNTERS::mOverflowFrames, &emsSTORAGE_LIVE_COUNTERS::mRefusedFrames,
-	         &emsSTORAGE_LIVE_COUNTERS::mShortWrites, &emsSTORAGE_LIVE_COUNTERS::mLostFrames,
-	         &emsSTORAGE_LIVE_COUNTERS::mFailedIndexWrites}) {
-		mCounters.*which = 0;
-	}
+	mParts->startAnew();
 	return kQorSuccess;
 }
 
@@ -54,7 +49,7 @@ void CmsSession::Destroy() {
 	FreeResources();
 	const base::MutexGuard guard(mMutex);
 	mSession = emsSTORAGE_SESSION();
-	mUnwritten = 0;
+	if (mParts) mParts->startAnew();
 }
 
 void CmsSession::Lock() { platform::wait(mMutex, platform::kInfinite); }
@@ -64,18 +59,18 @@ void CmsSession::Unlock() { platform::releaseMutex(mMutex); }
 
 void CmsSession::SetRecording(bool on) {
 	if (on) {
-		mState |= kRecording;
+		mState |= kSessionRecording;
 	} else {
-		mState &= ~kRecording;
+		mState &= ~kSessionRecording;
 	}
 }
 
-int CmsSession::IsRecording() const { return (mState & kRecording) ? 1 : 0; }
+int CmsSession::IsRecording() const { return (mState & kSessionRecording) ? 1 : 0; }
 
 int CmsSession::Feed(const void* frame) {
 	const double time = appGetTime();
 	base::MutexGuard guard(mMutex);
-	if (!frame || !guard.owns()) return kQorFailure;
+	if (!frame || !guard.owns() || !mParts) return kQorFailure;
 	if (!mBuffer.Count()) {
 		guard.unlock();
 		log(3, "PASS1/mBuffer.GetCount()");
@@ -86,68 +81,35 @@ int CmsSession::Feed(const void* frame) {
 	const uint32_t state = mState;
 	if (state != mPreviousState) mRunMarker ^= 1;
 	mPreviousState = state;
-	if (!(state & kRecording)) return kQorSuccess;
+	if (!(state & kSessionRecording)) return kQorSuccess;
 
 	if (mSession.mFrameCount == 0) mStartTime = time;
-	if (!takesFrames()) {
-		count(&emsSTORAGE_LIVE_COUNTERS::mRefusedFrames, 1);
+	if (!mParts->takesFrames()) {
+		mParts->count(&LiveCounters::mRefusedFrames, 1);
 		return kQorFailure;
 	}
 	if (!mCurrentBuffer) mCurrentBuffer = GetFreeBuffer();
 	if (!mCurrentBuffer) {
 		guard.unlock();
-		count(&emsSTORAGE_LIVE_COUNTERS::mOverflowFrames, 1);
+		mParts->count(&LiveCounters::mOverflowFrames, 1);
 		log(3, "OVERFLOW");
 		return kQorFailure;
 	}
-	storeFrame(frame, time);
+	mParts->storeFrame(frame, time);
 	++mSession.mFrameCount;
-	++mUnwritten;
-	if (mCurrentBuffer->mFramesUsed == mCurrentBuffer->mCapacity) queueCurrentBuffer();
+	++mParts->mUnwritten;
+	if (mCurrentBuffer->mFramesUsed == mCurrentBuffer->mCapacity) mParts->queueCurrentBuffer();
 	return kQorSuccess;
-}
-
-bool CmsSession::takesFrames() const {
-	return !mClosed && mStorage && mStorage->IsReady() && mSession.mFrameCount < mSession.mMaxFrameCount &&
-	       mSession.mFrameCount < mFrameLimit;
-}
-
-/// The sizes are the buffer's own: a host that changes the record meanwhile harms nobody.
-void CmsSession::storeFrame(const void* frame, double time) {
-	emsSTORAGE_BUFFER& buffer = *mCurrentBuffer;
-	if (buffer.mFramesUsed == 0) {
-		buffer.mFirstIndex = static_cast<long long>(mSession.mFirstIndex) + mSession.mFrameCount;
-		buffer.mStoragePos =
-		    mSession.mStoragePos + static_cast<long long>(mSession.mFrameCount) * buffer.mAlignedFrameSize;
-	}
-	const int slot = buffer.mFramesUsed;
-	emsSTORAGE_INDEX& index = *buffer.mIndexTable[slot];
-	index.mTime = time;
-	index.mFrameSize = buffer.mFrameSize;
-	index.mFlags = mSession.mFlags | (mRunMarker ? kIndexRunMarker : 0);
-	index.mStoragePos = buffer.mStoragePos + static_cast<long long>(slot) * buffer.mAlignedFrameSize;
-	std::memcpy(buffer.mFrameTable[slot], frame, buffer.mFrameSize);
-	++buffer.mFramesUsed;
-}
-
-void CmsSession::queueCurrentBuffer() {
-	emsSTORAGE_BUFFER* buffer = mCurrentBuffer;
-	mCurrentBuffer = nullptr;
-	buffer->mState = emsBUFFER_QUEUED;
-	mStorage->mWriter->post(buffer);
-}
-
-void CmsSession::flushCurrentBuffer() {
-	const base::MutexGuard guard(mMutex);
-	if (mCurrentBuffer && mStorage && mStorage->mWriter) queueCurrentBuffer();
 }
 
 int CmsSession::PrepareToRecord() {
 	if (mStorage) mStorage->WaitUntilWritten();
-	const long long limit = mList ? mList->framesThatFit(this) : kNoLimit;
+	if (!mParts) return kQorSuccess;
+	const auto* list = mList ? mList->mParts : nullptr;
+	const long long limit = list ? list->framesThatFit(this) : storage_parts::kNoLimit;
 	const base::MutexGuard guard(mMutex);
-	mFrameLimit = limit;
-	if (mFrameLimit <= mSession.mFrameCount) log(3, "No room: frames of another session stand behind these");
+	mParts->mFrameLimit = limit;
+	if (const char* refusal = mParts->refusal()) log(3, "No frames can be taken: %s", refusal);
 	return kQorSuccess;
 }
 
@@ -158,74 +120,66 @@ int CmsSession::StopRecord() {
 		mStopTime = appGetTime();
 	}
 	platform::sleepMs(kStopPauseMs);
-	flushCurrentBuffer();
+	if (mParts) mParts->flushCurrentBuffer();
 	if (mStorage) mStorage->WaitUntilWritten();
 	// A list that could not be saved with the last buffer gets another chance.
 	if (mList && mList->IsUnsaved()) mList->Save();
 	return kQorSuccess;
 }
 
-// ---- what the storage tells
-
-void CmsSession::count(Counter which, unsigned long long number) {
-	(mCounters.*which).fetch_add(number, std::memory_order_relaxed);
-	if (mStorage) (mStorage->mCounters.*which).fetch_add(number, std::memory_order_relaxed);
-}
-
-/// The bytes are those the buffer occupies, lost frames included: the next session begins
-/// behind everything that may stand on the target.
-/// @return whether the frames count as written.
-bool CmsSession::bufferWritten(const emsSTORAGE_BUFFER& buffer, bool indexed) {
-	const auto frames = static_cast<uint32_t>(buffer.mFramesUsed);
-	bool closedNow = false;
-	bool closed = false;
-	{
-		const base::MutexGuard guard(mMutex);
-		mSession.mBytesWritten += static_cast<long long>(frames) * buffer.mAlignedFrameSize;
-		closedNow = !indexed && !mClosed;
-		mClosed = closed = mClosed || !indexed;
-		if (!closed) mUnwritten -= std::min(mUnwritten, frames);
-	}
-	if (closedNow) log(3, "Index records lost at %I64d: the session takes no more frames", buffer.mFirstIndex);
-	return !closed;
-}
-
-emsSTORAGE_SESSION CmsSession::savedRecord() const {
-	const base::MutexGuard guard(mMutex);
-	emsSTORAGE_SESSION record = mSession;
-	record.mFrameCount -= std::min(mUnwritten, record.mFrameCount);
-	return record;
-}
-
-/// For a record from a file: frames counted beyond the bytes written are not on the disk.
-void CmsSession::limitToWritten() {
-	const long long there = mSession.mAlignedFrameSize ? mSession.mBytesWritten / mSession.mAlignedFrameSize : 0;
-	if (there < mSession.mFrameCount) mUnwritten = mSession.mFrameCount - static_cast<uint32_t>(there);
-}
+// ---- what the host reads and sets
 
 emsSTORAGE_SESSION CmsSession::GetRecord() const {
 	const base::MutexGuard guard(mMutex);
 	return mSession;
 }
 
-long long CmsSession::GetEndPosition() const {
+int CmsSession::SetFlags(uint32_t flags) {
 	const base::MutexGuard guard(mMutex);
-	long long bytes = mSession.mBytesWritten;
-	if (mOnTheirWay > 0 || mCurrentBuffer) {
-		bytes = std::max(bytes, static_cast<long long>(mSession.mFrameCount) * mSession.mAlignedFrameSize);
-	}
-	return mSession.mStoragePos + bytes;
+	mSession.mFlags = flags;
+	return kQorSuccess;
 }
 
-unsigned int CmsSession::GetWrittenFrameCount() const { return savedRecord().mFrameCount; }
+int CmsSession::SetUserData(const void* data, int size) {
+	if (!data || size < 0 || static_cast<size_t>(size) > sizeof(mSession.mUser)) return kQorFailure;
+	const base::MutexGuard guard(mMutex);
+	std::memcpy(mSession.mUser, data, static_cast<size_t>(size));
+	return kQorSuccess;
+}
+
+long long CmsSession::GetEndPosition() const {
+	const base::MutexGuard guard(mMutex);
+	long long bytes = std::max<long long>(mSession.mBytesWritten, 0);
+	if ((mParts && mParts->mOnTheirWay > 0) || mCurrentBuffer) {
+		const long long fed = storage_parts::saturatedProduct(mSession.mFrameCount, mSession.mAlignedFrameSize);
+		bytes = std::max(bytes, fed);
+	}
+	return storage_parts::saturatedSum(mSession.mStoragePos, bytes);
+}
+
+unsigned int CmsSession::GetWrittenFrameCount() const { return mParts ? mParts->writtenFrameCount() : 0; }
+
+double CmsSession::GetStartTime() const {
+	const base::MutexGuard guard(mMutex);
+	return mStartTime;
+}
+
+double CmsSession::GetStopTime() const {
+	const base::MutexGuard guard(mMutex);
+	return mStopTime;
+}
+
+int CmsSession::GetRunMarker() const {
+	const base::MutexGuard guard(mMutex);
+	return static_cast<int>(mRunMarker);
+}
+
+int CmsSession::IsPlaybackOpen() const { return mPlayback == kPlaybackOpen ? 1 : 0; }
 
 void CmsSession::GetCounters(emsSTORAGE_COUNTERS* out) const {
 	if (!out) return;
-	out->mOverflowFrames = mCounters.mOverflowFrames;
-	out->mRefusedFrames = mCounters.mRefusedFrames;
-	out->mShortWrites = mCounters.mShortWrites;
-	out->mLostFrames = mCounters.mLostFrames;
-	out->mFailedIndexWrites = mCounters.mFailedIndexWrites;
+	*out = emsSTORAGE_COUNTERS();
+	if (mParts) mParts->mCounters.copyTo(out);
 	out->mFailedListSaves = mList ? mList->GetFailedSaves() : 0;
 }
 
@@ -237,7 +191,7 @@ int CmsSession::OpenForPlayback() {
 }
 
 int CmsSession::ClosePlayback() {
-	mPlayback = 0;
+	mPlayback = kPlaybackClosed;
 	return kQorSuccess;
 }
 
@@ -249,28 +203,13 @@ int CmsSession::LoadRawFrame(void* buffer, long long frameNumber) {
 int CmsSession::LoadRawFrameChecked(void* buffer, long long frameNumber, unsigned int* frameBytes) {
 	if (frameBytes) *frameBytes = 0;
 	const emsSTORAGE_SESSION record = GetRecord();
-	if (!buffer || !mStorage || !mIndexList || frameNumber < 0 || frameNumber >= record.mFrameCount) {
+	if (!buffer || !mParts || !mStorage || !mIndexList || frameNumber < 0 || frameNumber >= record.mFrameCount) {
 		return kFrameNotThere;
 	}
-	if (frameNumber >= GetWrittenFrameCount()) return kFrameNotWritten;
+	if (frameNumber >= mParts->savedRecord().mFrameCount) return kFrameNotWritten;
+	if (frameNumber >= GetWrittenFrameCount()) return kFrameUnreadable;
 	mStorage->driveLock();
-	const int result = readFrame(buffer, record, frameNumber, frameBytes);
+	const int result = mParts->readFrame(buffer, record, frameNumber, frameBytes);
 	mStorage->driveUnlock();
 	return result;
-}
-
-/// Under the drive mutex, so that nobody moves the position between seek and transfer.
-int CmsSession::readFrame(
-    void* buffer, const emsSTORAGE_SESSION& record, long long frameNumber, unsigned int* frameBytes) {
-	emsSTORAGE_INDEX index;
-	if (mIndexList->ReadRecord(static_cast<long long>(record.mFirstIndex) + frameNumber, &index) != kQorSuccess) {
-		return kFrameUnreadable;
-	}
-	const long long size = record.mAlignedFrameSize;
-	const long long position = record.mStoragePos + frameNumber * size;
-	if (index.mStoragePos != position || index.mFrameSize > record.mAlignedFrameSize) return kFrameDamaged;
-	if (!index.mFrameSize) return kFrameLost;
-	if (mStorage->driveSeek(position) != position || mStorage->driveRead(buffer, size) != size) return kFrameUnreadable;
-	if (frameBytes) *frameBytes = index.mFrameSize;
-	return kQorSuccess;
 }

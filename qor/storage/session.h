@@ -16,7 +16,9 @@ class CmsStorage;
 
 namespace storage_parts {
 class BufferWriter;
-}
+class SessionListParts;
+struct SessionParts;
+} // namespace storage_parts
 
 /// A recording: where its frames stand and how many there are. The unit of the session
 /// list file; little-endian.
@@ -60,20 +62,11 @@ struct emsSTORAGE_PROGRESS {
 /// `Create`, for the storage since its `Create`.
 struct emsSTORAGE_COUNTERS {
 	unsigned long long mOverflowFrames;    // refused by Feed: no free buffer
-	unsigned long long mRefusedFrames;     // refused by Feed: session full or closed by a failure
+	unsigned long long mRefusedFrames;     // refused by Feed: session or target full, or closed by a failure
 	unsigned long long mShortWrites;       // buffers that did not reach the target whole
 	unsigned long long mLostFrames;        // frames accepted by Feed and lost by short writes or index failures
 	unsigned long long mFailedIndexWrites; // transfers to the index file that failed, retries included
 	unsigned long long mFailedListSaves;   // session list files that could not be written
-};
-
-/// The counters while they count; relaxed, as nothing is ordered by them.
-struct emsSTORAGE_LIVE_COUNTERS {
-	std::atomic<unsigned long long> mOverflowFrames{0};
-	std::atomic<unsigned long long> mRefusedFrames{0};
-	std::atomic<unsigned long long> mShortWrites{0};
-	std::atomic<unsigned long long> mLostFrames{0};
-	std::atomic<unsigned long long> mFailedIndexWrites{0};
 };
 
 /// States of a storage buffer.
@@ -114,11 +107,17 @@ struct emsSTORAGE_BUFFER {
 	int mFramesLost = 0;        // at the end of the buffer
 };
 
+/// Bits of a session's state word.
+inline constexpr uint32_t kSessionRecording = 1;
+/// Values of a session's playback state.
+inline constexpr uint32_t kPlaybackClosed = 0;
+inline constexpr uint32_t kPlaybackOpen = 2;
+
 /// Results of `LoadRawFrameChecked`.
 inline constexpr int kFrameNotThere = 0x10000000;   // no such frame, or bad arguments
 inline constexpr int kFrameNotWritten = 0x10000001; // fed, and still on its way to the disk
 inline constexpr int kFrameLost = 0x10000002;       // fed, and never reached the disk
-inline constexpr int kFrameUnreadable = 0x10000003; // the disk or the index file does not give it
+inline constexpr int kFrameUnreadable = 0x10000003; // counted, and not given by target or index file (or not there)
 inline constexpr int kFrameDamaged = 0x10000004;    // its index record cannot be true
 
 /// One recording on a storage.
@@ -140,8 +139,9 @@ public:
 
 	/// Makes the buffers, all memory touched so that `Feed` meets no page fault. Former
 	/// buffers are written and freed first.
-	/// @return 0; 0x10000000 when either number is below 2, the record has no frame size or
-	/// one above `kMaximumFrameSize`, or less than two buffers could be made (then none is left).
+	/// @return 0; 0x10000000 when either number is below 2, the record has no frame size, one
+	/// above `kMaximumFrameSize` or an aligned size that is not the rounded-up one, or less than two buffers could be
+	/// made (then none is left).
 	int AllocResources(int bufferCount, int framesPerBuffer);
 	/// Writes what was fed and frees the buffers. Returns when the disk has it all.
 	void FreeResources();
@@ -161,8 +161,10 @@ public:
 	/// Never waits for the disk and never allocates.
 	/// @return 0 when it was taken, also when it was ignored because the recording bit is
 	/// clear; 0x10000000 for null, without buffers, when all buffers are on their way to the
-	/// disk (overflow), at the maximum frame count, or after a failure closed the session.
-	/// The last three are counted.
+	/// disk (overflow), at the maximum frame count, where the frame would lie beyond the
+	/// target or among another session's, after a failure closed the session, for a session
+	/// whose record cannot be believed, or while sessions that were removed still stand in the
+	/// saved list. All but the first two are counted.
 	int Feed(const void* frame);
 
 	/// Sets or clears the recording bit of the state word.
@@ -171,7 +173,8 @@ public:
 	int IsRecording() const;
 	/// Waits until the storage has written all queued buffers of every session, and checks
 	/// that the session's room on the target does not run into another session's frames; where
-	/// it does, the session takes only the frames that fit. @return 0.
+	/// it does, the session takes only the frames that fit. Why a session takes none is
+	/// logged. @return 0.
 	int PrepareToRecord();
 	/// Clears the recording bit, queues the frames left in the current buffer and waits until
 	/// the storage has written everything, session list included. @return 0.
@@ -194,18 +197,35 @@ public:
 	void Lock();
 	void Unlock();
 
-	/// A copy of the record as it stands now.
+	/// A copy of the record as it stands now. Its frame count is what the record says; what can
+	/// be played is `GetWrittenFrameCount`.
 	emsSTORAGE_SESSION GetRecord() const;
-	/// Frames that are on the disk with their index records.
+	/// Changes what belongs to the host: the flags that go into the index records fed from now
+	/// on, and the application's span (`size` bytes from its start, at most 780; the rest stays).
+	/// The session list saves both. @return 0; 0x10000000 for null or a larger size.
+	int SetFlags(uint32_t flags);
+	int SetUserData(const void* data, int size);
+	/// Frames that are on the disk with their index records. For a session from a list file:
+	/// those that the target really holds.
 	unsigned int GetWrittenFrameCount() const;
 	/// Where the session ends on the target: behind its written buffers, and behind the frames
 	/// that are still on their way.
 	long long GetEndPosition() const;
+	/// Seconds of the high-resolution clock; 0 before the first frame, and before `StopRecord`.
+	double GetStartTime() const;
+	double GetStopTime() const;
+	/// 1 or 0: what the next frame's index record is marked with, see `kIndexRunMarker`.
+	int GetRunMarker() const;
+	/// @return 1 between `OpenForPlayback` and `ClosePlayback`, else 0.
+	int IsPlaybackOpen() const;
 	void GetCounters(emsSTORAGE_COUNTERS* out) const;
 
-	// Under the session mutex while recording, except where said.
-	emsSTORAGE_SESSION mSession;
-	CmsStorage* mStorage; // null for a session without storage
+	// The state. Other threads change it while a session records, so a host that reads or
+	// writes a field directly holds `Lock` meanwhile; the calls above do so themselves. Fields
+	// that say "any thread" need no lock.
+
+	emsSTORAGE_SESSION mSession; // until recording starts it is the host's to change
+	CmsStorage* mStorage;        // null for a session without storage
 	CmsSessionList* mList;
 	CmsStorageIndexList* mIndexList;
 	double mStartTime;                     // seconds, of the first frame
@@ -222,23 +242,8 @@ private:
 	friend class CmsSessionList;
 	friend class CmsStorage;
 	friend class storage_parts::BufferWriter;
-	using Counter = std::atomic<unsigned long long> emsSTORAGE_LIVE_COUNTERS::*;
+	friend class storage_parts::SessionListParts;
+	friend struct storage_parts::SessionParts;
 
-	bool takesFrames() const;
-	void storeFrame(const void* frame, double time);
-	void queueCurrentBuffer();
-	void flushCurrentBuffer();
-	void waitForOwnBuffers();
-	int readFrame(void* buffer, const emsSTORAGE_SESSION& record, long long frameNumber, unsigned int* frameBytes);
-	void count(Counter which, unsigned long long number);
-	emsSTORAGE_SESSION savedRecord() const;
-	void limitToWritten();
-	bool bufferWritten(const emsSTORAGE_BUFFER& buffer, bool indexed);
-
-	// Under the session mutex.
-	uint32_t mUnwritten;          // frames of mFrameCount whose data and index are not on the disk
-	long long mFrameLimit;        // frames that fit before another session's
-	bool mClosed;                 // index records were lost: frames behind them could not be found
-	std::atomic<int> mOnTheirWay; // buffers queued or being written
-	emsSTORAGE_LIVE_COUNTERS mCounters;
+	storage_parts::SessionParts* mParts; // owned; null without memory: every call then fails
 };

@@ -4,9 +4,8 @@
 #include "../base/wait_guard.h"
 #include "../platform/machine.h"
 #include "../platform/memory.h"
-#include "buffer_writer_internal.h"
 #include "session.h"
-#include "storage.h"
+#include "session_internal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -60,11 +59,6 @@ bool fitsIntoMemory(const emsSTORAGE_BUFFER& buffer) {
 	return dataBlockBytes(buffer) <= static_cast<long long>(platform::memoryStatus().availablePhysical);
 }
 
-bool usableSizes(uint32_t frameSize, uint32_t alignedSize) {
-	return frameSize > 0 && frameSize <= kMaximumFrameSize && alignedSize >= frameSize &&
-	       alignedSize % kFrameAlignment == 0;
-}
-
 } // namespace
 
 int CmsSession::AllocResources(int bufferCount, int framesPerBuffer) {
@@ -81,7 +75,8 @@ int CmsSession::AllocResources(int bufferCount, int framesPerBuffer) {
 
 emsSTORAGE_BUFFER* CmsSession::CreateBuffer(int frames) {
 	const base::MutexGuard guard(mMutex);
-	if (!guard.owns() || frames < 1 || !usableSizes(mSession.mFrameSize, mSession.mAlignedFrameSize)) return nullptr;
+	if (!guard.owns() || !mParts || frames < 1 || !mSession.mFrameSize || !storage_parts::hasUsableSizes(mSession))
+		return nullptr;
 	OwnedBuffer buffer(new (std::nothrow) emsSTORAGE_BUFFER);
 	if (!buffer) return nullptr;
 	buffer->mSession = this;
@@ -97,8 +92,10 @@ emsSTORAGE_BUFFER* CmsSession::CreateBuffer(int frames) {
 
 void CmsSession::FreeResources() {
 	SetRecording(false);
-	flushCurrentBuffer();
-	waitForOwnBuffers();
+	if (mParts) {
+		mParts->flushCurrentBuffer();
+		mParts->waitForOwnBuffers();
+	}
 	const base::MutexGuard guard(mMutex);
 	mCurrentBuffer = nullptr;
 	for (emsSTORAGE_BUFFER* buffer : mBuffer) FreeBuffer()(buffer);
@@ -109,9 +106,9 @@ void CmsSession::DestroyBuffer(emsSTORAGE_BUFFER* buffer) {
 	{
 		const base::MutexGuard guard(mMutex);
 		if (std::find(mBuffer.begin(), mBuffer.end(), buffer) == mBuffer.end()) return;
-		if (buffer == mCurrentBuffer) flushCurrentBuffer();
+		if (buffer == mCurrentBuffer) mParts->flushCurrentBuffer();
 	}
-	if (buffer->mState == emsBUFFER_QUEUED || buffer->mState == emsBUFFER_WRITING) waitForOwnBuffers();
+	if (buffer->mState == emsBUFFER_QUEUED || buffer->mState == emsBUFFER_WRITING) mParts->waitForOwnBuffers();
 	const base::MutexGuard guard(mMutex);
 	mBuffer.Delete(static_cast<int>(std::find(mBuffer.begin(), mBuffer.end(), buffer) - mBuffer.begin()));
 	FreeBuffer()(buffer);
@@ -137,8 +134,4 @@ emsSTORAGE_BUFFER* CmsSession::GetBuffer(int index) const {
 	const base::MutexGuard guard(mMutex);
 	auto* place = mBuffer.Get(index);
 	return place ? *place : nullptr;
-}
-
-void CmsSession::waitForOwnBuffers() {
-	if (mStorage && mStorage->mWriter) mStorage->mWriter->waitUntilFree(mOnTheirWay);
 }

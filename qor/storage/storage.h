@@ -9,13 +9,10 @@
 #include "session_list.h"
 #include "storage_index.h"
 
-#include <atomic>
-#include <cstdint>
-#include <mutex>
-
 namespace storage_parts {
-class BufferWriter;
-}
+class SessionListParts;
+struct StorageParts;
+} // namespace storage_parts
 
 /// The message of the storage queue: pointer 1 is a full `emsSTORAGE_BUFFER`.
 inline constexpr unsigned long kStorageMessageWrite = 256;
@@ -52,7 +49,9 @@ public:
 	///
 	/// A data path beginning with "\\.\" is a raw drive; any other is a data file, made of
 	/// `sizeMB` x 2^20 bytes when it is not there (it appears under its name only when it is
-	/// complete). Failures are reported in the log.
+	/// complete). A data file that is shorter keeps its bytes and is made as long; the rest of
+	/// a longer one is left alone. As long as a session list or an index file is there that
+	/// cannot be read, nothing is made, opened or written. Failures are reported in the log.
 	/// @return 0 in all cases; `IsReady` tells whether frames can be recorded.
 	int Create(const char* sessionListPath, const char* indexPath, const char* dataPath, int sizeMB);
 	/// Writes what was fed, ends the worker and closes everything.
@@ -60,15 +59,19 @@ public:
 	/// @return 1 when target, index file, session list and worker are there, else 0.
 	int IsReady() const;
 
-	/// Ends all sessions and saves the empty list: the whole target counts as free again. @return 0.
+	/// Ends all sessions and saves the empty list: the whole target counts as free again.
+	/// @return 0; 0x10000000 when the empty list could not be saved: the space of the sessions
+	/// that the saved list still has stays occupied.
 	int ResetAll();
 
 	/// Bytes; 0 when no target is open.
 	long long GetTotalSpace() const;
-	/// Total size less the list's largest end position, at least 0.
+	/// Total size less the end of what the session list claims, at least 0. Where a record
+	/// claims more than the target has, or the list lost records, that is 0; the log says why.
 	long long GetAvailableSpace() const;
-	/// What the target really holds: less than the total size for a data file that is too short.
-	long long GetTargetBytes() const { return mTargetBytes; }
+	/// What the target really holds, in bytes: the total size, or more for a longer data file,
+	/// whose sessions beyond the total size can still be played. 0 when no target is open.
+	long long GetTargetBytes() const;
 
 	/// Fills a record for a new session behind all others.
 	/// @return 0; 0x10000000 for null, and for a frame size of 0 or above 2^31 (the record is then zeroed).
@@ -93,9 +96,9 @@ public:
 	/// Waits until every queued buffer is written and counted by the saved session list.
 	void WaitUntilWritten();
 
-	CmsSessionList& GetSessionList() { return mSessionList; }
-	CmsStorageIndexList& GetIndexList() { return mIndexList; }
-	CqorDiskUtil_DriveList& GetDriveList() { return mDriveList; }
+	CmsSessionList& GetSessionList();
+	CmsStorageIndexList& GetIndexList();
+	CqorDiskUtil_DriveList& GetDriveList();
 
 	/// The mean rate of the last writes (8 at most; only those there were), MB (2^20 bytes) a second; 0 before the
 	/// first.
@@ -104,47 +107,19 @@ public:
 	void GetCounters(emsSTORAGE_COUNTERS* out) const;
 
 	/// The target's geometry; zeros for a data file.
-	long long GetCylinders() const { return mCylinders; }
-	unsigned int GetTracksPerCylinder() const { return mTracksPerCylinder; }
-	unsigned int GetSectorsPerTrack() const { return mSectorsPerTrack; }
-	unsigned int GetBytesPerSector() const { return mBytesPerSector; }
+	long long GetCylinders() const;
+	unsigned int GetTracksPerCylinder() const;
+	unsigned int GetSectorsPerTrack() const;
+	unsigned int GetBytesPerSector() const;
 
 private:
-	friend class CmsSession;
-	friend class CmsSessionList;
 	friend class storage_parts::BufferWriter;
-	static constexpr int kRates = 8;
-
-	void openDrive(const char* path);
-	void openDataFile(const char* path, int sizeMB);
-	bool createDataFile(const char* path, int sizeMB);
-	void measureDataFile(const char* path, long long wanted);
-	bool startWorker();
-	void stopWorker();
-	void closeTarget();
-	template <typename Transfer>
-	long long moveInPieces(long long size, emsSTORAGE_PROGRESS* progress, Transfer transfer);
-	unsigned char* bouncePages();
-	void addRate(double rate);
+	friend class storage_parts::SessionListParts;
+	friend struct storage_parts::SessionParts;
+	friend struct storage_parts::StorageParts;
 
 	CqorDiskUtil_DriveList mDriveList;
-	platform::File* mDrive; // the data target, owned; under the drive mutex
-	long long mTotalSize;   // bytes
-	long long mCylinders;
-	unsigned int mTracksPerCylinder;
-	unsigned int mSectorsPerTrack;
-	unsigned int mBytesPerSector;
-	platform::WaitHandle mDriveMutex; // a seek and its transfers
 	CmsSessionList mSessionList;
-	CmsStorageIndexList mIndexList; // with the index-file mutex
-	Cqor_MQInstance mQueue;
-	double mRates[kRates];
-	mutable std::mutex mRateMutex; // mRates, mRateCount
-	unsigned long long mRateCount; // writes so far; modulo 8 the next place
-	long long mTransferChunk;
-	std::mutex mIOMutex;    // one chunked transfer; mBounce
-	unsigned char* mBounce; // pages for unaligned callers, made when first needed
-	long long mTargetBytes;
-	storage_parts::BufferWriter* mWriter; // owned; null until Create
-	emsSTORAGE_LIVE_COUNTERS mCounters;   // all sessions together
+	CmsStorageIndexList mIndexList;      // with the index-file mutex
+	storage_parts::StorageParts* mParts; // owned; null without memory: every call then fails
 };

@@ -9,6 +9,10 @@
 
 class CmsSession;
 
+namespace storage_parts {
+struct IndexParts;
+}
+
 /// Where a frame stands and when it was fed; one per frame in the index file, at
 /// global index x 24. Little-endian. A record whose frame size is 0 belongs to a frame
 /// that was fed but never reached the data target, or to no frame at all.
@@ -36,11 +40,12 @@ public:
 	/// Opens the index file; makes it with `recordCount` zeroed records when it is not there.
 	/// It appears under its name only when it is complete. An existing file keeps its size;
 	/// one that holds less than `recordCount` records is reported and grows while recording.
-	/// @return 0; 0x10000000 when it cannot be made or opened (logged), then it is closed.
+	/// Something of that name that cannot be opened and read is left as it is.
+	/// @return 0; 0x10000000 when it cannot be made, opened or read (logged), then it is closed.
 	int Open(const char* path, long long recordCount);
 	void Close();
 	/// @return 1 or 0.
-	int IsOpen() const { return mFile != nullptr; }
+	int IsOpen() const;
 
 	/// Reads the index record of a session's frame.
 	/// @return 0; 0x10000000 for null arguments, for `frameNumber` outside the session's
@@ -49,7 +54,7 @@ public:
 	int GetIndexFromFile(emsSTORAGE_INDEX* out, const CmsSession* session, long long frameNumber);
 
 	/// Records in the file when it was opened.
-	long long GetMaxCount() const { return mTotalCount; }
+	long long GetMaxCount() const;
 
 	/// The index-file mutex, recursive.
 	void Lock();
@@ -64,10 +69,5 @@ public:
 	int Flush();
 
 private:
-	int create(const char* path, long long recordCount);
-
-	platform::File* mFile;      // owned; under the mutex
-	platform::File* mFlushFile; // the same file, opened once more, for `Flush` alone
-	long long mTotalCount;
-	platform::WaitHandle mMutex; // index-file mutex
+	storage_parts::IndexParts* mParts; // owned; null without memory: every call then fails
 };

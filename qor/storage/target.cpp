@@ -1,29 +1,46 @@
 #include "target_internal.h"
 
+#include "../platform/draft.h"
 #include "../platform/machine.h"
 #include "../platform/memory.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
-#include <string>
 
 namespace storage_parts {
 
 namespace {
 
+constexpr long long kPage = platform::kTransferAlignment;
+
+/// Stands at the end of a page that was never written.
+struct UnwrittenMark {
+	char mText[16];
+	int64_t mPosition; // of the page
+
+	explicit UnwrittenMark(long long position) : mPosition(position) {
+		std::memcpy(mText, "qor: not written", sizeof(mText));
+	}
+};
+static_assert(sizeof(UnwrittenMark) == 24);
+
+/// Writes [from, to) at the file's position. The pages begin where `from`'s page does.
 /// @return bytes written.
-long long writeZeros(platform::File& file, long long bytes, uint32_t piece) {
-	void* zeros = platform::allocatePages(piece);
-	if (!zeros) return 0;
-	long long done = 0;
-	while (done < bytes) {
-		const auto count = static_cast<uint32_t>(std::min<long long>(piece, bytes - done));
-		const uint32_t moved = file.write(zeros, count);
-		done += moved;
+long long writeFilled(platform::File& file, long long from, long long to, uint32_t piece, PageFill fill) {
+	auto* pages = static_cast<unsigned char*>(platform::allocatePages(piece));
+	if (!pages) return 0;
+	long long at = from;
+	while (at < to) {
+		const long long inPage = at % kPage;
+		const auto count = static_cast<uint32_t>(std::min(piece - inPage, to - at));
+		if (fill) fill(pages, piece, at - inPage);
+		const uint32_t moved = file.write(pages + inPage, count);
+		at += moved;
 		if (moved != count) break;
 	}
-	platform::releasePages(zeros, piece);
-	return done;
+	platform::releasePages(pages, piece);
+	return at - from;
 }
 
 } // namespace
@@ -61,33 +78,57 @@ void logGeometry(const qor& object, const platform::DiskGeometry& geometry) {
 	object.log("");
 }
 
-bool makeZeroedFile(const char* path, long long bytes, uint32_t piece, uint32_t flags, long long* written) {
-	const std::string unfinished = std::string(path) + ".creating";
-	platform::FileSystem& files = platform::fileSystem();
+FileState stateOf(const char* path, uint32_t access) {
+	constexpr uint32_t kFileNotFound = 2;
+	if (!path || !path[0]) return FileState::refused;
 	platform::FileOpen how;
-	how.disposition = platform::Disposition::createAlways;
-	how.access = platform::kAccessRead | platform::kAccessWrite;
-	how.share = platform::kShareNone;
-	how.flags = flags;
-	long long done = 0;
-	bool good = false;
-	uint32_t error = 0;
-	if (auto file = files.open(unfinished.c_str(), how)) {
-		done = writeZeros(*file, bytes, piece);
-		good = done == bytes && file->flush();
-		error = platform::lastError();
-		file.reset();
-		if (good && !files.replace(unfinished.c_str(), path)) {
-			good = false;
-			error = platform::lastError();
-		}
-		if (!good) files.remove(unfinished.c_str());
-	} else {
-		error = platform::lastError();
+	how.access = access;
+	if (platform::fileSystem().open(path, how)) return FileState::usable;
+	const uint32_t error = platform::lastError();
+	// A link that leads nowhere, or a folder that hides its files, is not an absent file.
+	const bool absent = error == kFileNotFound && !platform::fileSystem().exists(path);
+	platform::setLastError(error);
+	return absent ? FileState::absent : FileState::refused;
+}
+
+void fillUnwritten(unsigned char* pages, long long size, long long position) {
+	for (long long at = kPage; at <= size; at += kPage) {
+		const UnwrittenMark mark(position + at - kPage);
+		std::memcpy(pages + at - sizeof(mark), &mark, sizeof(mark));
 	}
+}
+
+bool holdsUnwrittenPage(const unsigned char* pages, long long size, long long position) {
+	for (long long at = kPage; at <= size; at += kPage) {
+		const UnwrittenMark mark(position + at - kPage);
+		if (std::memcmp(pages + at - sizeof(mark), &mark, sizeof(mark)) == 0) return true;
+	}
+	return false;
+}
+
+bool makeFilledFile(
+    const char* path, long long bytes, uint32_t piece, PageFill fill, uint32_t flags, long long* written) {
+	platform::Draft draft;
+	const bool open = draft.open(path, flags);
+	const long long done = open ? writeFilled(draft.file(), 0, bytes, piece, fill) : 0;
 	if (written) *written = done;
-	if (!good) platform::setLastError(error);
-	return good;
+	return open && done == bytes && draft.commit();
+}
+
+bool extendWithUnwritten(const char* path, long long from, long long to, uint32_t piece, long long* reached) {
+	platform::FileOpen how;
+	how.access = platform::kAccessRead | platform::kAccessWrite;
+	how.flags = platform::kAttributeNormal | platform::kFlagSequential;
+	const auto file = platform::fileSystem().open(path, how);
+	int64_t position = 0;
+	*reached = from;
+	if (!file || !file->seek(from, platform::SeekOrigin::begin, &position)) return false;
+	*reached += writeFilled(*file, from, to, piece, fillUnwritten);
+	if (*reached == to && file->flush()) return true;
+	const uint32_t error = platform::lastError();
+	file->setSize(from);
+	platform::setLastError(error);
+	return false;
 }
 
 } // namespace storage_parts

@@ -122,22 +122,46 @@ TEST_F(StorageFaults, LostIndexRecordsCloseTheSession) {
 
 TEST_F(StorageFaults, WhatMayNotBeWrittenIsReported) {
 	FaultyFileSystem faulty;
-	using Denied = std::tuple<const char*, int, const char*>; // file, frames taken, line logged
-	const Denied cases[] = {{"data.creating", 0, "data) ... 0 of 5242880 bytes (err=5)"},
-	    {"list.saving", 0, "list cannot be saved (err=5)"},
-	    {"index.creating", 0, "CREATING FILE... 0 of 30720 bytes (err=5)"}, {"data", 0, "[ERROR] Open DATA FILE"},
-	    {"index", 0, "index) (err=5)"}, {"list", 8, "list cannot be saved (err=5)"}};
-	for (const auto& [file, taken, line] : cases) {
-		SCOPED_TRACE(file);
+	using Denied = std::tuple<const char*, bool, int, const char*>; // file, is there, frames taken, line logged
+	const Denied cases[] = {{"data", false, 0, "[ERROR] Open DATA FILE"},
+	    {"list", false, 0, "list cannot be saved (err=5)"}, {"index", false, 0, "[ERROR] INDEX FILE ("},
+	    {"data", true, 0, "[ERROR] Open DATA FILE"}, {"index", true, 0, "[ERROR] INDEX FILE ("},
+	    {"list", true, 8, "list cannot be saved (err=5)"}};
+	for (const auto& [file, there, taken, line] : cases) {
+		SCOPED_TRACE(testing::Message() << file << (there ? " there" : " not there"));
 		startAnew();
-		if (!std::strchr(file, '.')) create(mStorage, 5); // a folder that takes no new files, or files that are there
+		if (there) create(mStorage, 5);
 		faulty.makeReadOnly(mFolder.path() + "/" + file);
 		EXPECT_EQ(recordEight(), taken);
 		EXPECT_TRUE(hasLogged(line));
 		EXPECT_EQ(mStorage.IsReady(), taken != 0);
-		EXPECT_EQ(countersOf(mStorage).mFailedListSaves > 0, taken != 0 || std::string(file) == "list.saving");
+		EXPECT_EQ(countersOf(mStorage).mFailedListSaves > 0, taken != 0);
 		faulty.reset();
 		EXPECT_EQ(checkAfterwards(), taken);
+	}
+}
+
+/// A fault while an existing storage is opened and recorded on takes nothing from what it has.
+TEST_F(StorageFaults, EveryFileCallFailingOnceOverAnOldRecordingLeavesIt) {
+	FaultyFileSystem faulty;
+	for (const Call call : {Call::open, Call::write, Call::read, Call::seek, Call::size, Call::flush, Call::replace}) {
+		const int first = call == Call::open ? kMaximumDisks + 26 + 1 : 1;
+		for (int nth = first;; ++nth) {
+			SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(call) << " number " << nth);
+			startAnew();
+			EXPECT_EQ(recordEight(), 8);
+			fs::resize_file(path("data"), (5 << 20) - 4096); // to be extended
+			faulty.reset();
+			faulty.fail(call, nth);
+			recordEight();
+			const bool reached = faulty.calls(call) >= nth;
+			faulty.reset();
+			create(mStorage, 5);
+			ASSERT_TRUE(mStorage.IsReady() && mStorage.GetSessionList().GetCount() > 0);
+			for (unsigned i = 0; i < 8; ++i)
+				EXPECT_TRUE(isThere(*mStorage.GetSessionList().GetSession(0), i, mFed[i])) << i;
+			if (!reached || nth > first + 60) break;
+		}
 	}
 }
 

@@ -141,6 +141,7 @@ private:
 		bool seek(int64_t offset, platform::SeekOrigin origin, int64_t* position) override {
 			return mState->admit(Call::seek, 1) && mFile->seek(offset, origin, position);
 		}
+		bool setSize(int64_t bytes) override { return mFile->setSize(bytes); }
 		bool size(int64_t* bytes) override { return mState->admit(Call::size, 1) && mFile->size(bytes); }
 		bool flush() override { return mState->admit(Call::flush, 1) && mFile->flush(); }
 		void takeRightsOf(const char* path) override { mFile->takeRightsOf(path); }

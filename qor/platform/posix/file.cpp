@@ -327,6 +327,11 @@ bool PosixFile::size(int64_t* bytes) {
 	return true;
 }
 
+bool PosixFile::setSize(int64_t bytes) {
+	if (!(mAccess & kAccessWrite) || mExtent.length >= 0 || bytes < 0) return fail(kInvalidParameter);
+	return ftruncate(handle(), bytes) == 0 || failWithErrno();
+}
+
 bool PosixFile::flush() {
 	if (!(mAccess & kAccessWrite) || syncDescriptor(handle())) return true;
 	return failWithErrno();

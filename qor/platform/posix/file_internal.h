@@ -46,6 +46,7 @@ public:
 	uint32_t read(void* buffer, uint32_t count) override;
 	bool seek(int64_t offset, SeekOrigin origin, int64_t* newPosition) override;
 	bool size(int64_t* bytes) override;
+	bool setSize(int64_t bytes) override;
 	bool flush() override;
 	void takeRightsOf(const char* path) override;
 	bool geometry(DiskGeometry* out) override;

@@ -61,6 +61,7 @@ public:
 	uint32_t read(void* buffer, uint32_t count) override;
 	bool seek(int64_t offset, SeekOrigin origin, int64_t* newPosition) override;
 	bool size(int64_t* bytes) override;
+	bool setSize(int64_t bytes) override;
 	void takeRightsOf(const char* path) override;
 	bool flush() override { return !(mAccess & kAccessWrite) || FlushFileBuffers(mHandle.get()) != FALSE; }
 	bool geometry(DiskGeometry* out) override { return isDisk(out) && queryGeometry(mHandle.get(), out); }
@@ -159,6 +160,12 @@ void WindowsFile::takeRightsOf(const char* path) {
 	if (rights && path && GetFileSecurityA(path, kAccessList, rights.get(), kMostRights, &needed)) {
 		static_cast<void>(SetKernelObjectSecurity(mHandle.get(), kAccessList, rights.get()));
 	}
+}
+
+bool WindowsFile::setSize(int64_t bytes) {
+	FILE_END_OF_FILE_INFO end = {};
+	end.EndOfFile.QuadPart = bytes;
+	return SetFileInformationByHandle(mHandle.get(), FileEndOfFileInfo, &end, sizeof(end)) != FALSE;
 }
 
 class WindowsFileSystem final : public FileSystem {

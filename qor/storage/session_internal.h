@@ -1,0 +1,70 @@
+#pragma once
+
+#include "session.h"
+#include "session_claim_internal.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace storage_parts {
+
+inline constexpr long long kNoLimit = std::numeric_limits<long long>::max();
+
+/// The counters while they count; relaxed, as nothing is ordered by them.
+struct LiveCounters {
+	std::atomic<unsigned long long> mOverflowFrames{0};
+	std::atomic<unsigned long long> mRefusedFrames{0};
+	std::atomic<unsigned long long> mShortWrites{0};
+	std::atomic<unsigned long long> mLostFrames{0};
+	std::atomic<unsigned long long> mFailedIndexWrites{0};
+
+	void clear();
+	/// All but the failed list saves.
+	void copyTo(emsSTORAGE_COUNTERS* out) const;
+};
+
+/// What a session does behind its interface. Everything is under the session mutex, except
+/// where said.
+struct SessionParts {
+	using Counter = std::atomic<unsigned long long> LiveCounters::*;
+
+	explicit SessionParts(CmsSession& owner) : mOwner(owner) {}
+
+	/// Starts as a session of the host's own making.
+	void startAnew();
+	bool takesFrames() const;
+	void storeFrame(const void* frame, double time);
+	void queueCurrentBuffer();
+	/// Queues the frames left in the current buffer. Any thread.
+	void flushCurrentBuffer();
+	/// Any thread, without the session mutex.
+	void waitForOwnBuffers();
+	int readFrame(void* buffer, const emsSTORAGE_SESSION& record, long long frameNumber, unsigned int* frameBytes);
+	/// Any thread.
+	void count(Counter which, unsigned long long number);
+
+	/// The record as the list file gets it. Any thread.
+	emsSTORAGE_SESSION savedRecord() const;
+	/// For a record from a file: what it claims, and which of its frames can be played.
+	/// @param targetBytes what the target holds; 0: unknown.
+	void judge(long long targetBytes);
+	/// The same and what later buffers have added. Any thread.
+	SessionClaim claim() const;
+	/// Frames that stand where they are found. Any thread.
+	unsigned int writtenFrameCount() const;
+	/// A buffer's frames are on the target. @return whether they count as written. Any thread.
+	bool bufferWritten(const emsSTORAGE_BUFFER& buffer, bool indexed);
+	/// Why the session takes no frames at all; null when it does.
+	const char* refusal() const;
+
+	CmsSession& mOwner;
+	uint32_t mUnwritten = 0;          // frames of the record's count whose data and index are not on the disk
+	long long mFrameLimit = kNoLimit; // frames that fit before another session's
+	bool mClosed = false;             // index records were lost: frames behind them could not be found
+	bool mLoaded = false;             // the record came from a list file
+	SessionClaim mClaim;              // of a loaded record
+	std::atomic<int> mOnTheirWay{0};  // buffers queued or being written; any thread
+	LiveCounters mCounters;           // any thread
+};
+
+} // namespace storage_parts

@@ -18,19 +18,19 @@ bool same(const char* a, const char* b) { return a && b && std::strcmp(a, b) == 
 
 Cmc::Cmc()
     : mName(nullptr), mParent(nullptr), mChildren(nullptr), mChildCount(0), mFlags(0), mWalks(nullptr), mLinks(nullptr),
-      mFront(0), mRoom(0), mPlace(0), mBranches(0), mListed(false), mHasAttached(false), mHasCopiedList(false),
-      mHasOwnNames(false), mReserved() {
+      mFirstLoose(nullptr), mNextLoose(nullptr), mChainLink(nullptr), mFront(0), mRoom(0), mPlace(0), mBranches(0),
+      mListed(false), mHasAttached(false), mHasCopiedList(false), mHasOwnNames(false), mReserved() {
 	Cmc::_mcSetDefaultName();
 }
 
 Cmc::Cmc(const Cmc& other)
     : mName(other.mName), mParent(other.mParent), mChildren(other.mChildren), mChildCount(other.mChildCount),
-      mFlags(other.mFlags), mWalks(nullptr), mLinks(nullptr), mFront(other.mFront), mRoom(other.mRoom), mPlace(0),
-      mBranches(0), mListed(false), mHasAttached(false), mHasCopiedList(other.mChildCount > 0), mHasOwnNames(false),
-      mReserved() {
+      mFlags(other.mFlags), mWalks(nullptr), mLinks(nullptr), mFirstLoose(nullptr), mNextLoose(nullptr),
+      mChainLink(nullptr), mFront(other.mFront), mRoom(other.mRoom), mPlace(0), mBranches(0), mListed(false),
+      mHasAttached(false), mHasCopiedList(other.mChildCount > 0), mHasOwnNames(false), mReserved() {
 	core::addSharedUser(mName);
 	core::addSharedUser(childBlock());
-	if (mParent) noteLooseParent();
+	settleParent();
 }
 
 Cmc& Cmc::operator=(const Cmc& other) {
@@ -53,7 +53,7 @@ Cmc& Cmc::operator=(const Cmc& other) {
 	mHasCopiedList = mChildCount > 0;
 	if (mListed && mChildCount > 0) ++mParent->mBranches;
 	mFlags = other.mFlags;
-	noteLooseParent(); // its own, and that of the children it had
+	settleParent();
 	return *this;
 }
 
@@ -62,6 +62,11 @@ Cmc::~Cmc() {
 	leaveParent();
 	while (mLinks && mLinks->holderCount > 0) mLinks->holders[0]->removeChild(this);
 	unlinkChildren(true);
+	while (mFirstLoose) {
+		Cmc* child = mFirstLoose;
+		child->unchain();
+		child->mParent = nullptr;
+	}
 	core::releaseShared(mName);
 	core::releaseShared(childBlock());
 	delete mLinks;

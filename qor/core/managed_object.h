@@ -315,7 +315,9 @@ private:
 	bool insertChild(Cmc* child);
 	void removeChildAt(int index);
 	bool removeChild(Cmc* child);
-	static void noteLooseParent();
+	void settleParent();
+	void unchain();
+	void beListed(int place);
 	void unlinkChildren(bool going);
 	void forgetChildren();
 	void leaveParent();
@@ -343,14 +345,17 @@ private:
 	std::uint32_t mFlags;
 	core::WalkFrame* mWalks;    // the innermost walk that is inside of this object
 	core::ManagedLinks* mLinks; // null as long as nothing needs it
-	std::int32_t mFront;        // places at the start of the children's block that are left
-	std::int32_t mRoom;         // places of the block
-	std::int32_t mPlace;        // about where the parent's block has this object
-	std::int32_t mBranches;     // children listed here as their parent that have children
-	bool mListed;               // whether mParent has this object among its children; a copy is not
-	bool mHasAttached;          // whether others' children are or were in the list
-	bool mHasCopiedList;        // whether the list came from another object
-	bool mHasOwnNames;          // whether a child makes its name up itself
+	Cmc* mFirstLoose;           // objects that have this parent and are not listed by it, in a chain
+	Cmc* mNextLoose;
+	Cmc** mChainLink;       // what leads to this object in its parent's chain; null outside
+	std::int32_t mFront;    // places at the start of the children's block that are left
+	std::int32_t mRoom;     // places of the block
+	std::int32_t mPlace;    // about where the parent's block has this object
+	std::int32_t mBranches; // children listed here as their parent that have children
+	bool mListed;           // whether mParent has this object among its children; a copy is not
+	bool mHasAttached;      // whether others' children are or were in the list
+	bool mHasCopiedList;    // whether the list came from another object
+	bool mHasOwnNames;      // whether a child makes its name up itself
 	std::uint64_t mReserved[2];
 };
 

@@ -19,9 +19,6 @@ namespace {
 
 constinit std::atomic<std::uint64_t> searches{0};
 
-/// Whether any object of the process ever had a parent that does not list it.
-constinit std::atomic<bool> looseParents{false};
-
 int grown(int places) { return places <= 4 || places > INT32_MAX / 2 ? places : places + places / 2; }
 
 } // namespace
@@ -84,13 +81,18 @@ bool Cmc::ownChildren(int places) {
 bool Cmc::insertChild(Cmc* child) {
 	if (mChildCount == INT32_MAX || !ownChildren(mChildCount + 1)) return false;
 	mChildren[mChildCount++] = child;
-	if (child->mParent == this) {
-		child->mListed = true;
-		child->mPlace = mFront + mChildCount - 1;
-		if (child->mChildCount > 0) ++mBranches;
-	}
+	if (child->mParent == this) child->beListed(mFront + mChildCount - 1);
 	if (mChildCount == 1 && mListed) ++mParent->mBranches;
 	return true;
+}
+
+/// The parent has the object in its list. Not so where the list is a copy: its other children
+/// cannot be told from this one.
+void Cmc::beListed(int place) {
+	mListed = !mParent->mHasCopiedList;
+	mPlace = place;
+	if (mListed && mChildCount > 0) ++mParent->mBranches;
+	settleParent();
 }
 
 /// Takes off a child whose place is known; the others keep their order. Cannot fail: without memory
@@ -116,7 +118,24 @@ void Cmc::removeChildAt(int index) {
 	if (--mChildCount == 0) forgetChildren();
 }
 
-void Cmc::noteLooseParent() { looseParents.store(true, std::memory_order_relaxed); }
+/// An object whose parent does not list it as its own stands in a chain of that parent's, so that
+/// the parent can take leave of it. To be called when either has changed.
+void Cmc::settleParent() {
+	if (!mParent || mListed) return unchain();
+	if (mChainLink) return;
+	mNextLoose = mParent->mFirstLoose;
+	if (mNextLoose) mNextLoose->mChainLink = &mNextLoose;
+	mParent->mFirstLoose = this;
+	mChainLink = &mParent->mFirstLoose;
+}
+
+void Cmc::unchain() {
+	if (!mChainLink) return;
+	*mChainLink = mNextLoose;
+	if (mNextLoose) mNextLoose->mChainLink = mChainLink;
+	mChainLink = nullptr;
+	mNextLoose = nullptr;
+}
 
 /// Ends the links of the children to this object, before it goes or takes another list.
 void Cmc::unlinkChildren(bool going) {
@@ -125,6 +144,7 @@ void Cmc::unlinkChildren(bool going) {
 		if (mChildren[i]->mParent == this) {
 			mChildren[i]->mListed = false;
 			if (going) mChildren[i]->mParent = nullptr;
+			mChildren[i]->settleParent();
 		} else if (mChildren[i]->mLinks) {
 			mChildren[i]->mLinks->removeHolder(this);
 		}
@@ -149,6 +169,7 @@ bool Cmc::removeChild(Cmc* child) {
 	if (own) {
 		child->mListed = false;
 		if (child->mChildCount > 0) --mBranches;
+		child->settleParent();
 	} else if (child->mLinks) {
 		child->mLinks->removeHolder(this);
 	}
@@ -157,7 +178,8 @@ bool Cmc::removeChild(Cmc* child) {
 }
 
 void Cmc::leaveParent() {
-	if (mListed) mParent->removeChild(this);
+	if (mListed || (mParent && mParent->mHasCopiedList)) mParent->removeChild(this);
+	unchain();
 	mParent = nullptr;
 }
 
@@ -169,7 +191,7 @@ core::ManagedLinks* Cmc::links() {
 /// Whether the child, listed here, would make the object stand below itself.
 bool Cmc::wouldContainItself(const Cmc* child) const {
 	// What has no children is nobody's ancestor: trees grow leaf by leaf, to any depth.
-	if (child->mChildCount == 0 && !looseParents.load(std::memory_order_relaxed)) return child == this;
+	if (child->mChildCount == 0 && !child->mFirstLoose) return child == this;
 	return isSelfOrAncestor(child);
 }
 

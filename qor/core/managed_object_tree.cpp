@@ -23,8 +23,7 @@ int Cmc::_mcSetParent(Cmc* parent) {
 	mParent = parent;
 	if (attached) {
 		if (mLinks) mLinks->removeHolder(parent);
-		mListed = true;
-		if (mChildCount > 0) ++parent->mBranches;
+		beListed(0);
 	} else if (!parent->insertChild(this)) {
 		mParent = nullptr; // a parent that does not know its child could go without it
 		return kQorFailure;
@@ -54,7 +53,6 @@ int Cmc::_mcAttach(Cmc* child) {
 
 int Cmc::_mcDetach(Cmc* child) {
 	if (!child || findPlace(child) < 0) return 0;
-	if (child->mParent == this) noteLooseParent();
 	return removeChild(child);
 }
 

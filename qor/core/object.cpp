@@ -1,8 +1,10 @@
 #include "object.h"
 
+#include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../platform/format.h"
 #include "../platform/memory.h"
+#include "object_internal.h"
 
 #include <algorithm>
 #include <atomic>
@@ -52,45 +54,55 @@ int32_t indexOf(qor* const* list, int32_t count, const qor* object) {
 	return count;
 }
 
-void removeEntry(qor** list, int32_t& count, const qor* object) {
+/// @return the place it had; `count`, as it was, when it is not there.
+int32_t removeEntry(qor** list, int32_t& count, const qor* object) {
 	const int32_t index = indexOf(list, count, object);
-	if (index == count) return;
+	if (index == count) return index;
 	std::copy(list + index + 1, list + count, list + index);
 	--count;
+	return index;
 }
 
 std::atomic<uint32_t> nextIDNumber{0};
 
-/// A dispatch in progress on this thread. Destructors look through these, so a dispatch
-/// never touches an object that one of its handlers destroyed.
-struct Dispatch {
-	explicit Dispatch(const qor* object) : owner(object), outer(innermost) { innermost = this; }
-	Dispatch(const Dispatch&) = delete;
-	Dispatch& operator=(const Dispatch&) = delete;
-	~Dispatch() { innermost = outer; }
+std::atomic<uint64_t> searches{0};
 
-	static void forget(qor* object) {
-		for (Dispatch* running = innermost; running; running = running->outer) {
-			if (running->owner == object) running->owner = nullptr;
-			std::replace(running->copy, running->copy + running->count, object, static_cast<qor*>(nullptr));
-		}
-	}
-
-	const qor* owner;     // null when destroyed meanwhile
-	qor** copy = nullptr; // of the child list; destroyed ones are null
-	int32_t count = 0;
-	Dispatch* outer;
-	static thread_local Dispatch* innermost;
-};
-
-thread_local Dispatch* Dispatch::innermost = nullptr;
+thread_local core::Dispatch* innermost = nullptr;
 
 } // namespace
+
+namespace core {
+
+Dispatch::Dispatch(const qor* object) noexcept
+    : owner(object), depth(innermost ? innermost->depth + 1 : 1), outer(innermost) {
+	innermost = this;
+}
+
+Dispatch::~Dispatch() { innermost = outer; }
+
+void Dispatch::forget(qor* object) {
+	for (Dispatch* running = innermost; running; running = running->outer) {
+		if (running->owner == object) running->owner = nullptr;
+		std::replace(running->copy, running->copy + running->count, object, static_cast<qor*>(nullptr));
+	}
+}
+
+void Dispatch::noteLeaving(const qor* object, int32_t place) {
+	for (Dispatch* running = innermost; running; running = running->outer) {
+		if (running->owner != object) continue;
+		if (place < running->next) --running->next;
+		if (place < running->end) --running->end;
+	}
+}
+
+} // namespace core
+
+using core::Dispatch;
 
 qor::qor()
     : mID(), mBaseContext("qor"), mType(), mSubType(), mParent(nullptr), mChildren(nullptr), mChildCount(0), mValues(),
       mHolders(nullptr), mHolderCount(0), mChildChanges(0), mFirstDependent(nullptr), mNextDependent(nullptr),
-      mPreviousDependent(nullptr) {}
+      mPreviousDependent(nullptr), mSearch(0), mPending(nullptr), mNextHolder(0), mLoaded(false), mReserved() {}
 
 qor::~qor() {
 	Dispatch::forget(this);
@@ -162,6 +174,7 @@ int qor::setparent(qor* parent) {
 			const int32_t index = indexOf(parent->mChildren, parent->mChildCount, this);
 			qor** const end = parent->mChildren + parent->mChildCount;
 			std::rotate(parent->mChildren + index, parent->mChildren + index + 1, end);
+			Dispatch::noteLeaving(parent, index);
 			++parent->mChildChanges;
 		} else if (!parent->addChild(this)) {
 			return 0;
@@ -186,14 +199,25 @@ int qor::detach(qor* child) {
 
 qor* qor::getchild(int32_t index) const { return index >= 0 && index < mChildCount ? mChildren[index] : nullptr; }
 
-/// Whether a dispatch to `ancestor` would come by here.
+/// Whether a dispatch to `ancestor` would come by here. Each object above is looked at once, however
+/// many ways lead to it.
 bool qor::standsBelow(const qor* ancestor) const {
+	if (ancestor->mChildCount == 0) return false; // trees grow leaf by leaf, to any depth
+	const uint64_t search = searches.fetch_add(1, std::memory_order_relaxed) + 1;
+	const qor* pending = nullptr;
 	const qor* object = this;
-	for (; object->mHolderCount == 1; object = object->mHolders[0]) {
-		if (object->mHolders[0] == ancestor) return true;
+	while (true) {
+		if (object->mSearch != search) {
+			object->mSearch = search;
+			object->mNextHolder = 0;
+			object->mPending = pending;
+			pending = object;
+		}
+		while (pending && pending->mNextHolder == pending->mHolderCount) pending = pending->mPending;
+		if (!pending) return false;
+		object = pending->mHolders[pending->mNextHolder++];
+		if (object == ancestor) return true;
 	}
-	return std::any_of(object->mHolders, object->mHolders + object->mHolderCount,
-	    [ancestor](const qor* holder) { return holder == ancestor || holder->standsBelow(ancestor); });
 }
 
 /// Appends a child that is not in the list.
@@ -206,7 +230,7 @@ bool qor::addChild(qor* child) {
 }
 
 void qor::removeChild(qor* child) {
-	removeEntry(mChildren, mChildCount, child);
+	Dispatch::noteLeaving(this, removeEntry(mChildren, mChildCount, child));
 	removeEntry(child->mHolders, child->mHolderCount, this);
 	++mChildChanges;
 }
@@ -237,17 +261,44 @@ void qor::unlinkParent() {
 int qor::_OnPreDispatchMessage(uint32_t, void*, void*) { return 0; }
 int qor::_OnPostDispatchMessage(uint32_t, void*, void*) { return 0; }
 
+namespace {
+
+bool refuses(qor* object, uint32_t message, void* first, void* second) {
+	return base::callHost("qor::_OnPreDispatchMessage",
+	           [&] { return object->_OnPreDispatchMessage(message, first, second); }) != 0;
+}
+
+void finish(qor* object, uint32_t message, void* first, void* second) {
+	base::callHost("qor::_OnPostDispatchMessage", [&] { object->_OnPostDispatchMessage(message, first, second); });
+}
+
+void dispatchTo(qor* child, uint32_t message, void* first, void* second) {
+	base::callHost("qor::_DispatchMessage", [&] { child->_DispatchMessage(message, first, second); });
+}
+
+/// Whether the dispatch stands too deep to go on; the ones around it learn of it.
+bool isTooDeep(const qor& object, const Dispatch& running) {
+	if (running.depth <= kQorMaximumDispatchDepth) return false;
+	if (running.outer && !running.outer->cut)
+		object.log(3, "a message did not get here: more than %d levels", kQorMaximumDispatchDepth);
+	for (Dispatch* outer = running.outer; outer; outer = outer->outer) outer->cut = true;
+	return true;
+}
+
+} // namespace
+
 int qor::_DispatchMessage(uint32_t message, void* first, void* second) {
 	Dispatch running(this);
-	if (_OnPreDispatchMessage(message, first, second)) return kQorFailure;
-	for (int32_t i = 0; running.owner && i < mChildCount; ++i) mChildren[i]->_DispatchMessage(message, first, second);
-	if (running.owner) _OnPostDispatchMessage(message, first, second);
-	return kQorSuccess;
+	if (isTooDeep(*this, running) || refuses(this, message, first, second)) return kQorFailure;
+	if (running.owner) running.end = mChildCount;
+	while (running.owner && running.next < running.end) dispatchTo(mChildren[running.next++], message, first, second);
+	if (running.owner) finish(this, message, first, second);
+	return running.cut ? kQorFailure : kQorSuccess;
 }
 
 int qor::_DispatchMessageSafe(uint32_t message, void* first, void* second) {
 	Dispatch running(this);
-	if (_OnPreDispatchMessage(message, first, second)) return kQorFailure;
+	if (isTooDeep(*this, running) || refuses(this, message, first, second)) return kQorFailure;
 	if (!running.owner) return kQorSuccess;
 	qor* onStack[kChildrenOnStack];
 	const bool fits = mChildCount <= kChildrenOnStack;
@@ -258,13 +309,17 @@ int qor::_DispatchMessageSafe(uint32_t message, void* first, void* second) {
 	running.copy = copy;
 	running.count = mChildCount;
 	for (int32_t i = 0; i < running.count; ++i) {
-		if (copy[i]) copy[i]->_DispatchMessage(message, first, second);
+		if (copy[i]) dispatchTo(copy[i], message, first, second);
 	}
-	if (running.owner) _OnPostDispatchMessage(message, first, second);
+	if (running.owner) finish(this, message, first, second);
 	if (!fits) platform::release(copy);
-	return kQorSuccess;
+	return running.cut ? kQorFailure : kQorSuccess;
 }
 
+int qor::qorReserved1(void*) { return 0; }
+int qor::qorReserved2(void*) { return 0; }
+int qor::qorReserved3(void*) { return 0; }
+int qor::qorReserved4(void*) { return 0; }
 int qor::qorCustomCB(uint32_t, void*, void*) { return 0; }
 int qor::qorOnSaveToBuffer(CstMemFile*) { return 0; }
 int qor::qorOnLoadFromBuffer(CstMemFile*, uint32_t) { return 0; }
@@ -275,11 +330,11 @@ int qor::qorOnXML(tinyxml2::XMLNode* node, int depth, int flag) {
 	if (!node) return 0;
 	int handled = 0;
 	if (auto* element = node->ToElement()) {
-		handled = qorOnXMLElement(element, depth, flag);
+		handled = base::callHost("qor::qorOnXMLElement", [&] { return qorOnXMLElement(element, depth, flag); });
 	} else if (auto* text = node->ToText()) {
-		handled = qorOnXMLText(text, depth, flag);
+		handled = base::callHost("qor::qorOnXMLText", [&] { return qorOnXMLText(text, depth, flag); });
 	}
-	if (!handled) qorDoXMLNodes(node, depth + 1, flag);
+	if (!handled) base::callHost("qor::qorDoXMLNodes", [&] { qorDoXMLNodes(node, depth + 1, flag); });
 	return handled;
 }
 
@@ -287,7 +342,7 @@ int qor::qorDoXMLNodes(tinyxml2::XMLNode* node, int depth, int flag) {
 	tinyxml2::XMLNode* child = node ? node->FirstChild() : nullptr;
 	while (child) {
 		tinyxml2::XMLNode* next = child->NextSibling(); // a handler may remove its node
-		qorOnXML(child, depth, flag);
+		base::callHost("qor::qorOnXML", [&] { qorOnXML(child, depth, flag); });
 		child = next;
 	}
 	return 0;

@@ -2,6 +2,7 @@
 
 #include "../platform/export.h"
 
+#include <cstdarg>
 #include <cstdint>
 
 class CstMemFile;
@@ -17,6 +18,8 @@ class XMLText;
 inline constexpr int kQorTextSize = 32;
 /// Levels of a tree that can be saved and loaded, the root included.
 inline constexpr int kQorMaximumTreeDepth = 512;
+/// Levels of a tree that a message reaches: each costs stack.
+inline constexpr int kQorMaximumDispatchDepth = 2048;
 
 /// One object of a saved tree; its class data follows. Little-endian.
 struct eqorTREE_NODE {
@@ -106,8 +109,11 @@ public:
 	virtual int _OnPreDispatchMessage(uint32_t message, void* first, void* second);
 	virtual int _OnPostDispatchMessage(uint32_t message, void* first, void* second);
 	/// Passes a message to the object and down its children, in order.
-	/// @return 0; 0x10000000 when `_OnPreDispatchMessage` stopped it. What the children
-	/// answer does not count.
+	/// Children may leave, join and be destroyed meanwhile: those that stay get it once, those that
+	/// join do not.
+	/// @return 0; 0x10000000 when `_OnPreDispatchMessage` stopped it, or when the tree has more than
+	/// `kQorMaximumDispatchDepth` levels: those below did not get it, and the log says so. What the
+	/// children answer else does not count.
 	virtual int _DispatchMessage(uint32_t message, void* first, void* second);
 	/// The same over a copy of this object's child list, so children may detach themselves
 	/// meanwhile: each of the copy is still called, except those destroyed by then on this
@@ -180,12 +186,21 @@ protected:
 	bool hasOneHolder() const { return mHolderCount == 1; }
 
 private:
+	// Slots for operations to come, so that the tables of host classes keep their shape.
+	virtual int qorReserved1(void* p);
+	virtual int qorReserved2(void* p);
+	virtual int qorReserved3(void* p);
+	virtual int qorReserved4(void* p);
+
 	bool standsBelow(const qor* ancestor) const;
 	bool addChild(qor* child);
 	void removeChild(qor* child);
 	void linkParent(qor* parent);
 	void unlinkParent();
+	bool canBeSaved() const;
 	bool standsWithin(int levels) const;
+	void writeLine(int level, const char* format, va_list arguments) const;
+	const char* logged(const char* text, char (&visible)[4 * kQorTextSize]) const;
 	void fillNode(eqorTREE_NODE* node) const;
 	void takeNode(const eqorTREE_NODE& node);
 	bool saveNodes(CstMemFile* file);
@@ -199,4 +214,9 @@ private:
 	qor* mFirstDependent;   // objects whose parent is this one, in a chain
 	qor* mNextDependent;
 	qor* mPreviousDependent;
+	mutable uint64_t mSearch; // of the search for ancestors that came by last, as the next two
+	mutable const qor* mPending;
+	mutable int32_t mNextHolder;
+	bool mLoaded; // whether the texts came from a buffer
+	uint64_t mReserved[2];
 };

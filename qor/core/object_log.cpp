@@ -20,32 +20,39 @@ const char* prefixOf(int level) {
 	}
 }
 
+} // namespace
+
+/// A text as it may stand in a line: one that was loaded may hold line feeds.
+const char* qor::logged(const char* text, char (&visible)[4 * kQorTextSize]) const {
+	if (!mLoaded) return text;
+	core::copyVisible(visible, sizeof visible, text);
+	return visible;
+}
+
 /// Composed on the stack, without a lock: no callback of the log can hold up another object.
-void writeLine(const qor& object, int level, const char* format, va_list arguments) {
+void qor::writeLine(int level, const char* format, va_list arguments) const {
 	char line[kObjectLogBufferSize];
 	const char* prefix = prefixOf(level);
-	const core::VisibleText type(object.gettype()), subtype(object.getsubtype());
-	size_t length =
-	    object.getsubtype()[0]
-	        ? platform::formatText(line, sizeof line, "%s[%-20s:%-20s] > ", prefix, type.get(), subtype.get())
-	        : platform::formatText(line, sizeof line, "%s[%-20s] > ", prefix, type.get());
+	char types[4 * kQorTextSize], subtypes[4 * kQorTextSize];
+	const char* type = logged(mType, types);
+	const char* subtype = logged(mSubType, subtypes);
+	size_t length = mSubType[0] ? platform::formatText(line, sizeof line, "%s[%-20s:%-20s] > ", prefix, type, subtype)
+	                            : platform::formatText(line, sizeof line, "%s[%-20s] > ", prefix, type);
 	platform::formatTextV(line + length, sizeof line - length, format ? format : "", arguments);
 	// The line passes as a format without arguments, so callers double their percent signs.
 	core::logAsFormat(line);
 }
 
-} // namespace
-
 void qor::log(int level, const char* format, ...) const {
 	va_list arguments;
 	va_start(arguments, format);
-	writeLine(*this, level, format, arguments);
+	writeLine(level, format, arguments);
 	va_end(arguments);
 }
 
 void qor::log(const char* format, ...) const {
 	va_list arguments;
 	va_start(arguments, format);
-	writeLine(*this, 0, format, arguments);
+	writeLine(0, format, arguments);
 	va_end(arguments);
 }

@@ -1,7 +1,9 @@
 #include "object.h"
 
+#include "../base/host_call_internal.h"
 #include "../base/mem_file.h"
 #include "../base/status.h"
+#include "object_internal.h"
 
 #include <algorithm>
 #include <bit>
@@ -100,7 +102,7 @@ bool writeUserData(CstMemFile* file, const void* data, bool inFile, size_t offse
 } // namespace
 
 int qor::qorSaveTreeToBuffer(CstMemFile* file, uint32_t tag, uint32_t userLength, const void* userData) {
-	if (!file || !standsWithin(kQorMaximumTreeDepth)) return kQorFailure;
+	if (!file || !canBeSaved()) return kQorFailure;
 	unsigned long oldSize = 0;
 	const auto* block = static_cast<const unsigned char*>(file->GetBuffer(&oldSize));
 	const auto* bytes = static_cast<const unsigned char*>(userData);
@@ -124,11 +126,17 @@ int qor::qorSaveTreeToBuffer(CstMemFile* file, uint32_t tag, uint32_t userLength
 }
 
 int qor::qorSaveToBuffer(CstMemFile* file) {
-	if (!file || !standsWithin(kQorMaximumTreeDepth)) return kQorFailure;
+	if (!file || !canBeSaved()) return kQorFailure;
 	const unsigned long start = file->GetCurrentPos();
 	if (saveNodes(file)) return kQorSuccess;
 	seekTo(file, start);
 	return kQorFailure;
+}
+
+bool qor::canBeSaved() const {
+	if (standsWithin(kQorMaximumTreeDepth)) return true;
+	log(3, "not saved: the tree has more than %d levels, which could not be read back", kQorMaximumTreeDepth);
+	return false;
 }
 
 /// Whether the tree below has at most `levels`, this object's included.
@@ -148,12 +156,14 @@ void qor::fillNode(eqorTREE_NODE* node) const {
 }
 
 bool qor::saveNodes(CstMemFile* file) {
+	const core::Dispatch running(this);
 	eqorTREE_NODE node;
 	fillNode(&node);
 	const unsigned long start = file->GetCurrentPos();
 	if (file->Write(&node, sizeof node) != sizeof node) return false;
 	const unsigned long dataStart = file->GetCurrentPos();
-	if (qorOnSaveToBuffer(file) != 0) return false;
+	if (base::callHost("qor::qorOnSaveToBuffer", [&] { return qorOnSaveToBuffer(file); }) != 0) return false;
+	if (!running.owner) return false;
 	const unsigned long end = file->GetCurrentPos();
 	if (end < dataStart || end > file->GetSize() || mChildCount != node.mChildCount) return false;
 	if (end > dataStart) {
@@ -161,7 +171,12 @@ bool qor::saveNodes(CstMemFile* file) {
 		if (!file->WriteAt(&length, sizeof length, start + offsetof(eqorTREE_NODE, mDataLength))) return false;
 		seekTo(file, end);
 	}
-	return std::all_of(mChildren, mChildren + mChildCount, [file](qor* child) { return child->saveNodes(file); });
+	for (int32_t i = 0; i < node.mChildCount; ++i) {
+		if (!mChildren[i]->saveNodes(file)) return false;
+		// A class that changes the tree meanwhile cannot be saved: the count is written already.
+		if (!running.owner || mChildCount != node.mChildCount) return false;
+	}
+	return true;
 }
 
 int qor::qorLoadTreeFromBuffer(CstMemFile* file, qorCreateFunction create, void* context, uint32_t* tag) {
@@ -188,17 +203,20 @@ int qor::qorLoadFromBuffer(CstMemFile* file, qorCreateFunction create, void* con
 /// Reads a record that was checked before. The checks made here once more only keep a callback
 /// that changes the file meanwhile from doing harm.
 bool qor::loadNodes(CstMemFile* file, qorCreateFunction create, void* context, int level) {
+	const core::Dispatch running(this);
 	eqorTREE_NODE node;
 	if (level > kQorMaximumTreeDepth || file->Read(&node, sizeof node) != sizeof node) return false;
 	takeNode(node);
-	if (!loadData(file, node.mDataLength)) return false;
+	if (!loadData(file, node.mDataLength) || !running.owner) return false;
 	for (int32_t i = 0; i < node.mChildCount; ++i) {
 		eqorTREE_NODE next;
 		const Remaining there = remainingOf(file);
 		if (there.size < sizeof next) return false;
 		std::memcpy(&next, there.data, sizeof next);
 		terminateTexts(&next);
-		qor* child = create ? create(&next, this, context) : nullptr;
+		qor* child =
+		    create ? base::callHost("qorCreateFunction", [&] { return create(&next, this, context); }) : nullptr;
+		if (!running.owner) return false;
 		if (!child) { // left out, with everything below it
 			const size_t skipped = sizeOfNodes(remainingOf(file));
 			if (skipped == 0) return false;
@@ -206,6 +224,7 @@ bool qor::loadNodes(CstMemFile* file, qorCreateFunction create, void* context, i
 			continue;
 		}
 		if (!child->setparent(this) || !child->loadNodes(file, create, context, level + 1)) return false;
+		if (!running.owner) return false;
 	}
 	return true;
 }
@@ -218,6 +237,7 @@ void qor::takeNode(const eqorTREE_NODE& record) {
 	std::memcpy(mType, node.mType, sizeof mType);
 	std::memcpy(mSubType, node.mSubType, sizeof mSubType);
 	std::memcpy(mValues, node.mValues, sizeof mValues);
+	mLoaded = true;
 	noteChange();
 }
 
@@ -227,7 +247,7 @@ bool qor::loadData(CstMemFile* file, uint32_t length) {
 	CstMemFile data;
 	void* bytes = nullptr;
 	if (data.Create(length, &bytes) != kQorSuccess || file->Read(bytes, length) != length) return false;
-	return qorOnLoadFromBuffer(&data, length) == 0;
+	return base::callHost("qor::qorOnLoadFromBuffer", [&] { return qorOnLoadFromBuffer(&data, length); }) == 0;
 }
 
 const void* qor::qorGetUserSavePtr(CstMemFile* file, uint32_t* length, uint32_t* tag) {

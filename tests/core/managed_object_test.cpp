@@ -2,6 +2,7 @@
 #include "qor/core/managed_object.h"
 
 #include <cstdlib>
+#include <functional>
 #include <sstream>
 
 namespace {
@@ -152,6 +153,82 @@ TEST_F(ManagedObject, MessagesTravelDownAndCanBeStopped) {
 	root._mcReport(&seen, "Cmc", note);
 	EXPECT_EQ(seen, "Cmc0Camera1Camera2Camera3Camera1Cmc0");
 	EXPECT_EQ(root._mcReport(&seen, nullptr, nullptr), kQorFailure);
+}
+
+TEST_F(ManagedObject, AMessageReachesOnceWhoStaysWhateverHandlersDo) {
+	struct Actor : Camera {
+		using Camera::Camera;
+		int _mcOnDispatchMsg(unsigned long, unsigned long, unsigned long, void*, void*, int) override {
+			note("");
+			if (act) std::exchange(act, nullptr)();
+			return 0;
+		}
+		int _mcOnPostDispatchMsg(unsigned long, unsigned long, unsigned long, void*, void*, int) override { return 0; }
+		std::function<void()> act;
+	};
+	std::vector<Actor*> x;
+	for (const char* name : {"a", "b", "c", "d", "e", "f", "g"}) x.push_back(new Actor(&root, name));
+	Cmc elsewhere;
+	x[0]->act = [&] { x[0]->_mcSetParent(&elsewhere); };
+	x[1]->act = [&] { root._mcMoveChild(x[1], 5), root._mcMoveChild(x[6], 0); };
+	x[2]->act = [&] { delete x[3], delete x[1], new Actor(&root, "joined"); };
+	x[4]->act = [&] { delete x[4]; };
+	x[6]->act = [&] { root._mcDispatchMsg(0, 0, 0, nullptr, nullptr, -1); };
+	root._mcDispatchMsg(0, 0, 0, nullptr, nullptr, 0);
+	EXPECT_EQ(events, "a b c e f g g c f joined ");
+	x[2]->act = [&] { root._mcDestroyChilds(1); };
+	root._mcDispatchMsg(0, 0, 0, nullptr, nullptr, 0);
+	EXPECT_FALSE(root._mcHasChilds());
+	elsewhere._mcDestroy();
+}
+
+TEST_F(ManagedObject, CyclesOfEveryKindAreRefusedHoweverManyWaysLeadUp) {
+	auto *a = add("a"), *b = add("b"), *c = add("c");
+	EXPECT_EQ(a->_mcAttach(b) + b->_mcAttach(c), 2);
+	EXPECT_EQ(b->_mcAttach(a) + c->_mcAttach(a), 0);
+	EXPECT_EQ(a->_mcSetParent(c), kQorFailure);
+	EXPECT_EQ(c->_mcDetach(a) + a->_mcDetach(b) + b->_mcAttach(a), 2);
+	delete c; // leaves the list of b, too
+	EXPECT_EQ(childrenOf(*b), "a ");
+	std::vector<Cmc> nodes(120); // each pair attached to the pair above: 2^60 ways up
+	for (std::size_t i = 2; i < nodes.size(); ++i)
+		EXPECT_EQ(nodes[i - 2 - i % 2]._mcAttach(&nodes[i]) + nodes[i - 1 - i % 2]._mcAttach(&nodes[i]), 2);
+	EXPECT_EQ(nodes.back()._mcAttach(&nodes[0]), 0);
+}
+
+TEST_F(ManagedObject, DeepTreesCostNoStackAndLongListsNoTime) {
+	constexpr int kMany = 150'000; // with each step linear, some hundred seconds
+	Cmc* last = &root;
+	for (int i = 0; i < kMany; ++i) last = add("deep", last);
+	last->setname("last");
+	EXPECT_EQ(root._mcDispatchMsg(9, 0, 0, nullptr, nullptr, 0) + root._mcUnselectAll(nullptr), 0);
+	EXPECT_EQ(root._mcFindByNameAndType("last", "Cmc", 0), last);
+	eqorMC_SEQHDR header;
+	EXPECT_EQ(root._mcfillseq(&header), kMany + 1);
+	std::free(header.mItems);
+	root._mcDestroy();
+	for (int i = 0; i < kMany; ++i) add(("n" + std::to_string(i % (kMany - 9))).c_str());
+	for (int i = 0; i < kMany - 9; ++i)
+		ASSERT_EQ(root._mcGetChildByName(("n" + std::to_string(i)).c_str()), root._mcGetChild(i));
+	auto* third = root._mcGetChild(3);
+	third->setname("renamed");
+	EXPECT_EQ(root._mcGetChildByName("n3"), root._mcGetChild(kMany - 6)); // the second of that name
+	EXPECT_EQ(root._mcGetChildByName("renamed"), third);
+	root._mcMoveChild(root._mcGetChild(kMany - 1), 0); // a second "n8", in front of the other now
+	EXPECT_EQ(root._mcGetChildByName("n8"), root._mcGetChild(0));
+	delete root._mcGetChild(0);
+	EXPECT_TRUE(root._mcGetChildByName("n8") == root._mcGetChild(8) && !root._mcGetChildByName("n3", nullptr, 1));
+	new Camera(&root, "n8"); // of another type
+	EXPECT_TRUE(root._mcGetChildByNameAndType("n8", "Camera")->istype("Camera"));
+}
+
+TEST_F(ManagedObject, ChildrenOfADeletedParentStandAlone) {
+	auto *parent = new Cmc, *child = add("child", parent), *detached = add("detached", parent);
+	parent->_mcDetach(detached);
+	const Cmc copy(*detached);
+	delete parent;
+	EXPECT_TRUE(child->_mcGetRoot() == child && !detached->_mcGetParent() && !copy._mcGetParent());
+	EXPECT_EQ(child->_mcSetParent(detached) + detached->_mcSetParent(&root), 0);
 }
 
 TEST_F(ManagedObject, FillVerdicts) {

@@ -114,7 +114,10 @@ TEST_F(ManagedXml, ATreeTooDeepToBeReadIsNotWritten) {
 	for (int i = 0; i < 96; ++i) last = Cmc::_mcCreate(last, "level");
 	EXPECT_EQ(root._mcSaveToXMLFile(path.c_str(), 0) + copy._mcLoadFromXMLFile(path.c_str(), 0), 0);
 	Cmc::_mcCreate(last, "too deep");
+	LogLines log;
 	EXPECT_EQ(root._mcSaveToXMLFile(path.c_str(), 0), kQorFailure);
+	EXPECT_EQ(log.take(), "[ERROR] [Cmc] <too deep> : XML text not written: the tree has more than 96 levels, which "
+	                      "could not be read back\n");
 }
 
 } // namespace

@@ -106,6 +106,31 @@ TEST(Object, DispatchWhileChildrenLeaveAndDie) {
 	EXPECT_EQ(root->_DispatchMessage(1, &asked, nullptr), 0);
 }
 
+TEST(Object, AMessageReachesOnceWhoStays) {
+	Probe root("r"), a("a", &root), b("b", &root), c("c", &root), d("d", &root), e("e", &root);
+	a.onPre = [&] { a.setparent(nullptr); };
+	c.onPre = [&] { b.setparent(&root), root.detach(&d), a.setparent(&root); };
+	std::string asked;
+	root._DispatchMessage(1, &asked, nullptr);
+	EXPECT_EQ(asked, "ra/b/c/e//");
+}
+
+TEST(Object, DeepTreesAndManyWaysUp) {
+	std::vector<Probe> deep(20'000), pairs(120);
+	for (size_t i = 1; i < deep.size(); ++i) deep[i].setparent(&deep[i - 1]);
+	std::string asked;
+	core_test::LogLines log;
+	EXPECT_EQ(deep[0]._DispatchMessage(1, &asked, nullptr), kQorFailure);
+	EXPECT_EQ(asked, std::string(kQorMaximumDispatchDepth, '/'));
+	EXPECT_EQ(deep[0].attach(&deep.back()) + deep.back().attach(&deep[0]), 1);
+	CstMemFile file;
+	EXPECT_EQ(deep[0].qorSaveToBuffer(&file), kQorFailure);
+	EXPECT_EQ(log.lines.size(), 2u);
+	for (size_t i = 2; i < pairs.size(); ++i)
+		EXPECT_EQ(pairs[i - 2 - i % 2].attach(&pairs[i]) + pairs[i - 1 - i % 2].attach(&pairs[i]), 2);
+	EXPECT_EQ(pairs.back().attach(&pairs[0]), 0);
+}
+
 TEST(Object, LogLines) {
 	core_test::LogLines log;
 	const struct {

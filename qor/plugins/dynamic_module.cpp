@@ -1,10 +1,12 @@
 #include "dynamic_module.h"
 
 #include "../base/file.h"
+#include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../base/wait_guard.h"
 #include "../core/class_manager.h"
 #include "../platform/file.h"
+#include "../platform/folder.h"
 #include "../platform/format.h"
 #include "../platform/letter_case_internal.h"
 #include "../platform/memory.h"
@@ -13,7 +15,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <string_view>
+#include <utility>
 
 using platform::equalWithoutCase;
 using platform::lowerCase;
@@ -84,15 +88,32 @@ int printable(long long bytes) { return static_cast<int>(std::min<long long>(byt
 
 } // namespace
 
-CqorDynamicModule::~CqorDynamicModule() { Destroy(); }
+CqorDynamicModule::CqorDynamicModule() : mPathHash(pathHash("")) {}
+
+CqorDynamicModule::~CqorDynamicModule() {
+	Destroy();
+	platform::release(mFullPath);
+}
 
 int CqorDynamicModule::SetFilePath(const char* path) {
 	const size_t length = path ? std::strlen(path) : SIZE_MAX;
 	if (length > kQorModulePathLength) return kQorFailure;
+	const std::string found = platform::fullPath(path);
+	const char* full = found.empty() ? path : found.c_str(); // a text that is no path fails where it is used
+	const size_t size = std::strlen(full) + 1;
+	auto* copy = static_cast<char*>(platform::allocate(size));
+	if (!copy) return kQorFailure;
+	std::memcpy(copy, full, size);
+	platform::release(std::exchange(mFullPath, copy));
 	std::memmove(mPath, path, length + 1); // `path` may be this module's own
 	mPathHash = pathHash(mPath);
 	return kQorSuccess;
 }
+
+const char* CqorDynamicModule::file() const { return mFullPath ? mFullPath : ""; }
+const char* CqorDynamicModule::GetFilePath() const { return mPath; }
+bool CqorDynamicModule::IsLoaded() const { return mModule != nullptr; }
+const eqorDM_INFO* CqorDynamicModule::GetInformation() const { return mInformation; }
 
 /// FNV-1a.
 uint32_t CqorDynamicModule::pathHash(const char* path) {
@@ -107,7 +128,7 @@ bool CqorDynamicModule::hasPath(const char* path, uint32_t hash) const {
 
 int CqorDynamicModule::Load() {
 	Destroy();
-	mModule = platform::loadModule(mPath);
+	mModule = platform::loadModule(file());
 	if (!mModule) return kQorFailure;
 	mFunction = reinterpret_cast<qorDM_Func>(platform::findExport(mModule, kEntryName));
 	return kQorSuccess;
@@ -118,12 +139,13 @@ void* CqorDynamicModule::GetFunc(const char* name) const {
 }
 
 int CqorDynamicModule::Func(unsigned long a, unsigned long b, unsigned long c, void* p1, void* p2) {
-	return mFunction ? mFunction(a, b, c, p1, p2) : kQorFailure;
+	if (!mFunction) return kQorFailure;
+	return base::callHost("module entry function", [&] { return mFunction(a, b, c, p1, p2); });
 }
 
 int CqorDynamicModule::RetrieveDMInfo() {
 	freeInformation();
-	if (!platform::fileSystem().exists(mPath)) {
+	if (!platform::fileSystem().exists(file())) {
 		_mclog(kLogError, "FILE DOES NOT EXIST");
 		return kQorFailure;
 	}
@@ -141,7 +163,7 @@ int CqorDynamicModule::RetrieveDMInfo() {
 
 int CqorDynamicModule::readInformation(unsigned char* window) {
 	CstFile file;
-	if (file.OpenReadOnly(mPath) != 0) {
+	if (file.OpenReadOnly(this->file()) != 0) {
 		_mclog(kLogError, "CANNOT OPEN FILE");
 		return kQorFailure;
 	}
@@ -198,10 +220,14 @@ int CqorDynamicModule::IsUnicode() const { return hasTag(mInformation, u"CS(Unic
 int CqorDynamicModule::Is64() const { return hasTag(mInformation, u"PL(x64)"); }
 int CqorDynamicModule::IsDebug() const { return hasTag(mInformation, u"CFG(Debug)"); }
 
+int CqorDynamicModule::GetProductVersionString(char* out) const {
+	return GetProductVersionString(out, kQorProductVersionSize);
+}
+
 int CqorDynamicModule::GetProductVersionString(char* out, size_t size) const {
-	if (!out || size == 0 || !platform::fileSystem().exists(mPath)) return kQorFailure;
+	if (!out || size == 0 || !platform::fileSystem().exists(file())) return kQorFailure;
 	char version[kQorProductVersionSize];
-	const bool known = platform::productVersion(mPath, version, sizeof version);
+	const bool known = platform::productVersion(file(), version, sizeof version);
 	const base::MutexGuard guard(versionLock());
 	if (!guard.owns()) return kQorFailure;
 	if (known) std::memcpy(latestVersion, version, sizeof version);
@@ -217,6 +243,7 @@ void CqorDynamicModule::Destroy() {
 }
 
 const char* CqorDynamicModule::gettype() const { return kType; }
+qorMCClassFunc CqorDynamicModule::getclassfunc() const { return qorMC__CLASSFUNC; }
 
 int CqorDynamicModule::qorMC__CLASSFUNC(unsigned long command, unsigned long, unsigned long, void* out, void*) {
 	return managed::classFunction<CqorDynamicModule>(kType, command, out);

@@ -20,7 +20,8 @@ inline constexpr int kQorProductVersionSize = 256;
 /// the platform's C compiler: 32 bits on Windows, 64 on Linux.
 using qorDM_Func = int (*)(unsigned long a, unsigned long b, unsigned long c, void* p1, void* p2);
 
-/// What `RetrieveDMInfo` found in a module's file (docs/formats/module_record.md).
+/// What `RetrieveDMInfo` found in a module's file (docs/formats/module_record.md). The record stays
+/// as it is.
 struct eqorDM_INFO {
 	char16_t mText[512];   ///< UTF-16; ends at the first zero, or with the block
 	uint32_t mExtraLength; ///< bytes; 0: none
@@ -37,24 +38,25 @@ static_assert(offsetof(eqorDM_INFO, mExtra) == 1032);
 /// without a record, are told by the result alone. An object belongs to one thread at a time.
 class QOR_API CqorDynamicModule : public Cmc {
 public:
-	CqorDynamicModule() = default;
+	CqorDynamicModule();
 	~CqorDynamicModule() override;
 	CqorDynamicModule(const CqorDynamicModule&) = delete;
 	CqorDynamicModule& operator=(const CqorDynamicModule&) = delete;
 
-	/// Copies the path. What is loaded stays loaded.
-	/// @return 0; 0x10000000, with the old path still in place, for null or more than
-	/// `kQorModulePathLength` characters: a cut path would name another file.
+	/// Copies the path. What is loaded stays loaded. A relative path means the file that it names
+	/// now: all operations go to that one file, also when the current folder changes.
+	/// @return 0; 0x10000000, with the old path still in place, without memory, for null or more
+	/// than `kQorModulePathLength` characters: a cut path would name another file.
 	int SetFilePath(const char* path);
-	const char* GetFilePath() const { return mPath; }
+	/// As it was given.
+	const char* GetFilePath() const;
 
 	/// Drops the information and unloads the library, then loads the one at the path with all
-	/// it depends on. A name without a folder is looked for where the system looks for libraries;
-	/// on Linux first in the current folder, where `RetrieveDMInfo` and the others look for it.
-	/// A library without entry function is loaded all the same.
+	/// it depends on, on Windows from its own folder, the program's and the system's. Names are not
+	/// looked for anywhere else. A library without entry function is loaded all the same.
 	/// @return 0; 0x10000000 with nothing loaded and no information.
 	int Load();
-	bool IsLoaded() const { return mModule != nullptr; }
+	bool IsLoaded() const;
 	/// @return the library's own export of that name; null when there is none, nothing is
 	/// loaded, or for null.
 	void* GetFunc(const char* name) const;
@@ -66,7 +68,7 @@ public:
 	/// @return 0; 0x10000000, without information, when there is no record or no such file.
 	int RetrieveDMInfo();
 	/// Null without information; valid until the next `RetrieveDMInfo`, `Load` or `Destroy`.
-	const eqorDM_INFO* GetInformation() const { return mInformation; }
+	const eqorDM_INFO* GetInformation() const;
 
 	/// What the first tag of its kind in the information text says: CS(Unicode), PL(x64),
 	/// CFG(Debug), in any case of letters. @return 1 or 0; 0 without information.
@@ -83,7 +85,7 @@ public:
 	/// their calls; without that a text is still whole, but may be another file's.
 	/// @param out room for `kQorProductVersionSize` characters
 	/// @return 0; 0x10000000, `out` untouched, for null or when the file does not exist.
-	int GetProductVersionString(char* out) const { return GetProductVersionString(out, kQorProductVersionSize); }
+	int GetProductVersionString(char* out) const;
 	/// The same for a buffer of `size` characters; a longer version is cut. Size 0 is refused.
 	int GetProductVersionString(char* out, size_t size) const;
 
@@ -91,7 +93,7 @@ public:
 	void Destroy();
 
 	const char* gettype() const override;
-	qorMCClassFunc getclassfunc() const override { return qorMC__CLASSFUNC; }
+	qorMCClassFunc getclassfunc() const override;
 	static int qorMC__CLASSFUNC(unsigned long command, unsigned long a, unsigned long b, void* out, void* p);
 
 private:
@@ -101,6 +103,7 @@ private:
 	static uint32_t pathHash(const char* path);
 	/// Whether that is the module's path, but for the case of ASCII letters.
 	bool hasPath(const char* path, uint32_t hash) const;
+	const char* file() const;
 	int readInformation(unsigned char* window);
 	int readRecord(CstFile& file, size_t offset, size_t fileSize);
 	int cannotRead(size_t fileSize) const;
@@ -110,5 +113,6 @@ private:
 	char mPath[264] = {};
 	eqorDM_INFO* mInformation = nullptr; // null when there is none
 	qorDM_Func mFunction = nullptr;      // null when the library has none
-	uint32_t mPathHash = pathHash("");
+	uint32_t mPathHash;
+	char* mFullPath = nullptr; // null before `SetFilePath`
 };

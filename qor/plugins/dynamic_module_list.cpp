@@ -2,6 +2,7 @@
 
 #include "../base/status.h"
 #include "../core/class_manager.h"
+#include "../core/visible_text_internal.h"
 #include "../platform/folder.h"
 #include "../platform/machine.h"
 
@@ -26,6 +27,8 @@ constexpr const char* kPlugInsFolder = "Plug-Ins";
 
 } // namespace
 
+CqorDynamicModuleList::CqorDynamicModuleList() = default;
+
 CqorDynamicModuleList::~CqorDynamicModuleList() {
 	for (auto* module : mModules) delete module;
 }
@@ -42,9 +45,10 @@ bool CqorDynamicModuleList::append(const char* path) {
 	const bool accepted = module && module->SetFilePath(path) == kQorSuccess;
 	if (accepted && mModules.Add(module)) return true;
 	if (module && !accepted)
-		_mclog(kLogError, "No path, or one of more than %d characters (%s)", kQorModulePathLength, path ? path : "");
+		_mclog(kLogError, "No path, one of more than %d characters, or no memory (%s)", kQorModulePathLength,
+		    core::VisibleText(path).get());
 	else
-		_mclog(kLogError, "No memory for a module (%s)", path ? path : "");
+		_mclog(kLogError, "No memory for a module (%s)", core::VisibleText(path).get());
 	delete module;
 	return false;
 }
@@ -59,7 +63,7 @@ int CqorDynamicModuleList::AddByFolder(const char* folder, const char* extension
 			const std::string path = platform::fullPath(file.path.c_str());
 			if (path.empty() || path.size() > kQorModulePathLength)
 				_mclog(kLogError, "AddByFolder - No full path of at most %d characters (%s)", kQorModulePathLength,
-				    file.path.c_str());
+				    core::VisibleText(file.path.c_str()).get());
 			else if (!GetByFilePath(path.c_str()))
 				append(path.c_str());
 		}
@@ -91,6 +95,8 @@ CqorDynamicModule* CqorDynamicModuleList::GetByFilePath(const char* path) const 
 	return nullptr;
 }
 
+int CqorDynamicModuleList::GetCount() const { return mModules.Count(); }
+
 CqorDynamicModule* CqorDynamicModuleList::Get(int index) const {
 	auto** module = mModules.Get(index);
 	return module ? *module : nullptr;
@@ -114,6 +120,7 @@ void* CqorDynamicModuleList::GetFunc(const char* name) const {
 }
 
 const char* CqorDynamicModuleList::gettype() const { return kType; }
+qorMCClassFunc CqorDynamicModuleList::getclassfunc() const { return qorMC__CLASSFUNC; }
 
 int CqorDynamicModuleList::qorMC__CLASSFUNC(unsigned long command, unsigned long, unsigned long, void* out, void*) {
 	return managed::classFunction<CqorDynamicModuleList>(kType, command, out);

@@ -15,7 +15,7 @@ inline constexpr const char* kQorPlugInsVariable = "qorBin";
 /// belong to one thread, normally the one that starts the program.
 class QOR_API CqorDynamicModuleList : public Cmc {
 public:
-	CqorDynamicModuleList() = default;
+	CqorDynamicModuleList();
 	~CqorDynamicModuleList() override;
 	CqorDynamicModuleList(const CqorDynamicModuleList&) = delete;
 	CqorDynamicModuleList& operator=(const CqorDynamicModuleList&) = delete;
@@ -40,7 +40,7 @@ public:
 
 	/// @return the first module with that path; null when there is none, and for null.
 	CqorDynamicModule* GetByFilePath(const char* path) const;
-	int GetCount() const { return mModules.Count(); }
+	int GetCount() const;
 	/// @return null outside the list.
 	CqorDynamicModule* Get(int index) const;
 	CqorDynamicModule* operator()(int index) const { return Get(index); }
@@ -55,7 +55,7 @@ public:
 	void* GetFunc(const char* name) const;
 
 	const char* gettype() const override;
-	qorMCClassFunc getclassfunc() const override { return qorMC__CLASSFUNC; }
+	qorMCClassFunc getclassfunc() const override;
 	static int qorMC__CLASSFUNC(unsigned long command, unsigned long a, unsigned long b, void* out, void* p);
 
 private:

@@ -3,6 +3,7 @@
 #include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../core/line_parameters.h"
+#include "../core/visible_text_internal.h"
 #include "../platform/folder.h"
 #include "../platform/format.h"
 #include "../platform/letter_case_internal.h"
@@ -39,25 +40,26 @@ CqorSIO_PI::~CqorSIO_PI() = default;
 
 int CqorSIO_PI::piLoad(const char* path) {
 	if (!path) path = "";
-	_mclog(1, "piLoad(%s)", path);
+	const core::VisibleText shown(path);
+	_mclog(1, "piLoad(%s)", shown.get());
 	const auto length = std::strlen(path);
 	if (length >= sizeof mPath) platform::setLastError(kPathTooLong);
 	const auto loaded = length < sizeof mPath ? platform::loadModule(path) : nullptr;
 	if (!loaded) {
-		_mclog("piLoad(%s) - Cannot load (err=%d)", path, static_cast<int>(platform::lastError()));
+		_mclog("piLoad(%s) - Cannot load (err=%d)", shown.get(), static_cast<int>(platform::lastError()));
 		return kQorFailure;
 	}
 	mModule = loaded;
 	std::memcpy(mPath, path, length + 1);
 	mFunction = reinterpret_cast<qorSIO_Func>(platform::findExport(mModule, QOR_SIO_ENTRY_NAME));
 	if (mFunction) {
-		_mclog("[OK] piLoad(%s)", path);
+		_mclog("[OK] piLoad(%s)", shown.get());
 		return kQorSuccess;
 	}
 	// The library stays mapped: its start-up code may have left threads or hooks behind.
 	mModule = nullptr;
 	mPath[0] = 0;
-	_mclog(3, "piLoad(%s) - eFunc not found", path);
+	_mclog(3, "piLoad(%s) - eFunc not found", shown.get());
 	return kQorFailure;
 }
 
@@ -93,7 +95,10 @@ int CqorSIO_PIList::LoadPlugInsFromFolder(const char* folder, int recursive) {
 		_mclog(3, "LoadPlugInsFromFolder(%s) - Cannot read (err=%d)", folder, static_cast<int>(platform::lastError()));
 	for (const auto& file : files) {
 		auto* plugIn = new (std::nothrow) CqorSIO_PI;
-		if (!plugIn) break;
+		if (!plugIn) {
+			_mclog(3, "LoadPlugInsFromFolder - No memory (%s)", core::VisibleText(file.path.c_str()).get());
+			break;
+		}
 		const bool loaded = plugIn->piLoad(file.path.c_str()) == kQorSuccess; // its start-up code has run
 		if (watch.gone() || !loaded || !append(plugIn)) delete plugIn;
 		if (watch.gone()) break;
@@ -237,7 +242,7 @@ int CqorSIO_PIManager::userCB(unsigned long code, unsigned long a, unsigned long
 int CqorSIO_PIManager::manCB(void* pi, unsigned long code, unsigned long, unsigned long, void* p1, void* p2) {
 	char path[kQorSioPathSize];
 	if (!mPIList.CopyPathOf(pi, path)) return kQorFailure;
-	_mclog("CB(%d) from %s", static_cast<int>(code), path);
+	_mclog("CB(%d) from %s", static_cast<int>(code), core::VisibleText(path).get());
 	if (code != qorSIO_CB_PI_CREATE_OBJECT) return kQorFailure;
 	_mclog("qorSIO_CB_PI_CREATE_OBJECT (context=%p,func=%p)", p1, p2);
 	if (!p1 || !p2) {
@@ -259,7 +264,7 @@ int CqorSIO_PIManager::createObject(const char* path, void* objectContext, qorSI
 	if (watch.gone()) return kQorFailure;
 	if (info[QOR_SIO_INFORMATION_SIZE]) _mclog(4, "Info is longer than %d characters", QOR_SIO_INFORMATION_SIZE);
 	info[QOR_SIO_INFORMATION_SIZE] = 0;
-	_mclog("[OK] Info (%s)", info);
+	_mclog("[OK] Info (%s)", core::VisibleText(info).get());
 
 	auto* object = makeObject(path, objectContext, function, info);
 	if (!object) return kQorFailure;
@@ -291,17 +296,22 @@ CqorSIO_Object* CqorSIO_PIManager::makeObject(
 	const plugins::LiveWatch watch(mPlace);
 	const CmcLineParSet items(',', info, 1);
 	const char* type = items.par(QOR_SIO_KEY_TYPE, 0);
-	_mclog("  Type=[%s]", type);
+	const core::VisibleText shown(type);
+	_mclog("  Type=[%s]", shown.get());
 
 	CqorSIO_Object* object = nullptr;
-	if (platform::equalWithoutCase(type, QOR_SIO_TYPE_OBJECT)) return new (std::nothrow) CqorSIO_Object;
+	if (platform::equalWithoutCase(type, QOR_SIO_TYPE_OBJECT)) {
+		object = new (std::nothrow) CqorSIO_Object;
+		if (!object) _mclog(3, "No memory for an object");
+		return object;
+	}
 	if (platform::equalWithoutCase(type, QOR_SIO_TYPE_CAMERA))
 		object = askHost<eqorSIO_CREATE_VIDEOCAP>(*this, path, objectContext, function, info, type);
 	else if (platform::equalWithoutCase(type, QOR_SIO_TYPE_TIMING_DEVICE))
 		object = askHost<eqorSIO_CREATE_TIMECAP>(*this, path, objectContext, function, info, type);
 	else
 		_mclog(3, "Unknown piType");
-	if (!object && !watch.gone()) _mclog(3, "No interpreter for the class (%s)", type);
+	if (!object && !watch.gone()) _mclog(3, "No interpreter for the class (%s)", shown.get());
 	return object;
 }
 

@@ -3,6 +3,7 @@
 #include "../base/host_call_internal.h"
 #include "../base/status.h"
 #include "../core/line_parameters.h"
+#include "../core/visible_text_internal.h"
 #include "../platform/format.h"
 #include "live_table_internal.h"
 
@@ -71,7 +72,9 @@ int CqorSIO_Object::sendCommand(Reply* reply, const char* format, va_list argume
 	const plugins::LiveWatch watch(mPlace);
 	const int answer = piFunc(qorSIO_OBJ_COMMAND, 0, 0, command, reply->text);
 	if (reply->isTerminated()) return answer;
-	if (!watch.gone()) _mclog(3, "Reply is longer than %d characters (%.100s...)", QOR_SIO_REPLY_SIZE - 1, reply->text);
+	if (!watch.gone())
+		_mclog(3, "Reply is longer than %d characters (%.100s...)", QOR_SIO_REPLY_SIZE - 1,
+		    core::VisibleText(reply->text).get());
 	reply->text[0] = 0;
 	return kQorFailure;
 }

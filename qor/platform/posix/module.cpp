@@ -10,6 +10,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
+#include <string>
 #include <sys/stat.h>
 
 namespace platform {
@@ -33,25 +34,17 @@ bool isVersion(const char* text) {
 	return length > 0 && std::strspn(text, "0123456789.") == length && text[0] != '.' && text[length - 1] != '.';
 }
 
-/// Puts "./" before a bare name of a file in the current folder, which the loader would not
-/// look for there: what is loaded is the file that the same path opens.
-bool nameFile(NativePath* path) {
-	struct stat about = {};
-	const char* name = path->text();
-	if (std::strchr(name, '/') || stat(name, &about) != 0 || !S_ISREG(about.st_mode)) return true;
-	char file[NAME_MAX + 3];
-	formatText(file, sizeof file, "./%s", name);
-	return path->assignNative(file, std::strlen(file));
-}
-
 } // namespace
 
 const char* const kModuleExtension = "so";
 
 // The loader tells its reasons only as text, so every failure is the one error.
 ModuleHandle loadModule(const char* path) {
-	NativePath native;
-	void* module = native.assign(path) && nameFile(&native) ? dlopen(native.text(), RTLD_NOW | RTLD_LOCAL) : nullptr;
+	const std::string file = fullPath(path);
+	struct stat about = {};
+	// A pipe would keep the loader waiting for a writer.
+	const bool isFile = !file.empty() && stat(file.c_str(), &about) == 0 && S_ISREG(about.st_mode);
+	void* module = isFile ? dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL) : nullptr;
 	if (!module) setLastError(kModuleNotFound);
 	return static_cast<ModuleHandle>(module);
 }

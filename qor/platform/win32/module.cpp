@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include "../folder.h"
 #include "../format.h"
 #include "../machine.h"
 #include "../memory.h"
@@ -12,6 +13,7 @@ namespace platform {
 namespace {
 
 constexpr uint32_t kModuleNotFound = 126;
+constexpr uint32_t kPathTooLong = 206;
 
 /// The version resource of a file.
 class VersionResource {
@@ -55,11 +57,16 @@ void translationKey(const VersionResource& resource, char (&key)[kTranslationKey
 const char* const kModuleExtension = "DLL";
 
 ModuleHandle loadModule(const char* path) {
-	if (!path || !*path) {
-		setLastError(kModuleNotFound);
+	char file[MAX_PATH + 2];
+	const DWORD length = path && *path ? GetFullPathNameA(path, MAX_PATH, file, nullptr) : 0;
+	if (length == 0 || length >= MAX_PATH) {
+		setLastError(length ? kPathTooLong : kModuleNotFound);
 		return nullptr;
 	}
-	return reinterpret_cast<ModuleHandle>(LoadLibraryA(path));
+	// The point keeps the loader from looking for "<name>.dll" instead.
+	if (!std::strchr(fileNamePart(file), '.')) std::memcpy(file + length, ".", 2);
+	return reinterpret_cast<ModuleHandle>(
+	    LoadLibraryExA(file, nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS));
 }
 
 void* findExport(ModuleHandle module, const char* name) {

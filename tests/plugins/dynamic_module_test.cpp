@@ -51,11 +51,28 @@ TEST_F(DynamicModule, LoadsCallsAndUnloads) {
 	EXPECT_FALSE(module.GetFunc("none") || module.GetFunc("atoi") || module.GetFunc(nullptr));
 	EXPECT_TRUE(module.SetFilePath(kPlain.c_str()) == 0 && module.Func(1, 2, 3, &sum, answer) == 77) << "still loaded";
 	EXPECT_TRUE(module.Load() == 0 && module.Func(1, 2, 3, &sum, answer) == kFailure) << "it has no entry function";
+}
+
+TEST_F(DynamicModule, IsTheFileThatItsPathNames) {
 	const auto before = fs::current_path();
-	fs::copy_file(kEntry, folder.path("bare.so"));
+	fs::copy_file(kEntry, folder.path("qor.dll")); // a name that another library of the process has
+	fs::copy_file(kPlain, folder.path("plain"));   // and one that another file has with ".dll" behind it
+	fs::copy_file(kEntry, folder.path("plain.dll"));
 	fs::current_path(folder.path());
-	EXPECT_TRUE(module.SetFilePath("bare.so") == 0 && module.RetrieveDMInfo() == 0 && module.Load() == 0);
+	EXPECT_TRUE(module.SetFilePath("qor.dll") == 0 && std::string(module.GetFilePath()) == "qor.dll");
 	fs::current_path(before);
+	EXPECT_TRUE(module.RetrieveDMInfo() == 0 && module.Load() == 0 && module.GetFunc("qorDMFUNC"));
+	EXPECT_TRUE(module.SetFilePath(folder.path("plain").c_str()) == 0 && module.RetrieveDMInfo() == kFailure);
+	EXPECT_TRUE(module.Load() == 0 && !module.GetFunc("qorDMFUNC"));
+
+	fs::current_path(QOR_MODULES "/decoy"); // with a library of the needed name
+	EXPECT_EQ(module.SetFilePath(QOR_MODULES "/needs.dll") | module.Load(), 0);
+	EXPECT_EQ(module.Func(0, 0, 0, nullptr, nullptr), 1) << "from its own folder";
+	fs::current_path(before);
+
+	if (fs::path::preferred_separator == '\\' || std::system(("mkfifo " + path).c_str()) != 0) return;
+	EXPECT_TRUE(module.SetFilePath(path.c_str()) == 0 && module.RetrieveDMInfo() == kFailure);
+	EXPECT_EQ(module.Load() & CqorSIO_PI().piLoad(path.c_str()), kFailure) << "and nobody waits for a writer";
 }
 
 TEST_F(DynamicModule, EmbeddedRecordOfARealLibrary) {

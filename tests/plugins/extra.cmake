@@ -8,12 +8,15 @@ foreach(source IN LISTS bad_plugins)
 		LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/bad_plugins)
 	qor_target_settings(bad_${name})
 	add_dependencies(test_plugins bad_${name})
+	add_dependencies(test_plugins_internal bad_${name})
 endforeach()
 foreach(name IN ITEMS simcam seqcam template)
 	if(TARGET plugin_${name})
 		add_dependencies(test_plugins plugin_${name})
 	endif()
 endforeach()
+target_compile_definitions(test_plugins_internal PRIVATE
+	QOR_BAD_PLUGINS="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/bad_plugins")
 target_compile_definitions(test_plugins PRIVATE
 	QOR_BAD_PLUGINS="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/bad_plugins" QOR_PLUGINS="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/plugins")
 
@@ -32,6 +35,21 @@ endforeach()
 qor_embed_module_record(module_entry CONFIGURATION Debug PLATFORM x64 CHARACTER_SET Unicode TEXT "CS(MBCS) größer"
 	EXTRA plugins/modules/entry.cpp)
 add_dependencies(test_plugins qor_embed)
+# Two libraries of one name: the one that a module needs, beside it, and a decoy.
+foreach(folder IN ITEMS . decoy)
+	string(COMPARE EQUAL ${folder} . value)
+	string(MAKE_C_IDENTIFIER needed_${folder} name)
+	add_library(${name} SHARED plugins/modules/needed/needed.cpp)
+	target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+	target_compile_definitions(${name} PRIVATE NEEDED_VALUE=${value})
+	set_target_properties(${name} PROPERTIES OUTPUT_NAME needed PREFIX ""
+		RUNTIME_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/test_modules/${folder}
+		LIBRARY_OUTPUT_DIRECTORY ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/test_modules/${folder}
+		ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/${name})
+	qor_target_settings(${name})
+	add_dependencies(test_plugins ${name})
+endforeach()
+target_link_libraries(module_needs PRIVATE needed__)
 if(WIN32)
 	function(add_version name block version translation)
 		set(script ${CMAKE_CURRENT_BINARY_DIR}/version_${name}.rc)

@@ -109,6 +109,7 @@ TEST(PlugInManager, MakesTheObjectOfTheTypeUnlessHostOrPlugInRefuse) {
 	    {"no interpreter", "!siotype,Toaster", kFailure, false, "No interpreter for the class (Toaster)"},
 	    {"longer than the type", "!siotype,CqorSIO_Object2", kFailure, false, "Unknown piType"},
 	    {"empty line", "", kFailure, false, "[OK] Info ()"},
+	    {"forged line", "!siotype,X\n[OK] all", kFailure, false, "[OK] Info (!siotype,X\\n[OK] all)"},
 	    {"host fails", kCamera, kFailure, true, kNone, [](Host& h, FakeDevice&) { h.callbackResult = 1; }},
 	    {"host makes none", kCamera, kFailure, false, kNone, [](Host& h, FakeDevice&) { h.leavesNull = true; }},
 	    {"no host", kCamera, kFailure, false, kNone,

@@ -206,7 +206,10 @@ public:
 		for (int number = 0; number < kNames; ++number) {
 			mFolder = fs::path(target) += ".qor_embed" + std::to_string(number);
 			std::error_code error;
-			if (fs::create_directory(mFolder, error)) return; // only when nothing has that name
+			if (fs::create_directory(mFolder, error)) { // only when nothing has that name
+				fs::permissions(mFolder, fs::perms::owner_all, error);
+				return;
+			}
 			if (error && error != std::errc::file_exists) throw fs::filesystem_error("no new file", mFolder, error);
 		}
 		throw std::runtime_error(mFolder.string() + " and all before it are taken");

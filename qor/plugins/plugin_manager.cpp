@@ -207,13 +207,19 @@ int CqorSIO_PIManager::Create(const char* folder, int recursive) {
 void CqorSIO_PIManager::Destroy() {}
 
 void CqorSIO_PIManager::SetUserCallBack(qorSIO_Func callback, void* userContext) {
-	// Callbacks read the context from the manager, so it changes while none runs, where that can be waited for.
+	// Callbacks read the context from the manager. So while one runs, and can be waited for, there is
+	// none for a moment.
 	const bool waits = !plugins::Pin::isInsideCall();
-	if (waits) plugins::changePair(mPlace, [&] { mUserCallback = nullptr; });
-	plugins::changePair(mPlace, [&] {
+	bool inTwoSteps = false;
+	const auto setBoth = [&] {
 		mUserContext = userContext;
 		mUserCallback = callback;
+	};
+	plugins::changePair(mPlace, [&] {
+		inTwoSteps = waits && mPlace && mPlace->current + mPlace->former.load() > 0;
+		inTwoSteps ? void(mUserCallback = nullptr) : setBoth();
 	});
+	if (inTwoSteps) plugins::changePair(mPlace, setBoth);
 }
 
 void* CqorSIO_PIManager::GetUserContext() const {

@@ -21,8 +21,9 @@ inline constexpr int kQorSioPathSize = 264;
 
 /// What the host's user callback receives as p1 of code 1 when a plug-in offers a device.
 /// The manager fills everything but `mObject`; the host makes the object and stores it
-/// there. The texts are terminated copies that live until the callback returns. The record is
-/// the manager's and may grow at its end.
+/// there. Which of the two records it is, `mTypeName` tells (compared without regard to case with
+/// `QOR_SIO_TYPE_CAMERA` and `QOR_SIO_TYPE_TIMING_DEVICE`). The texts are terminated copies that live until the
+/// callback returns. The record is the manager's and may grow at its end.
 template <class Object>
 struct eqorSIO_CREATE {
 	void* mObjectContext; // the plug-in's; the manager binds it to the object afterwards

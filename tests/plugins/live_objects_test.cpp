@@ -1,5 +1,6 @@
 #include "test_support.h"
 
+#include <set>
 #include <thread>
 
 /// What plug-ins and hosts do to objects at the wrong moment. Half of it shows under the sanitizers alone.
@@ -69,13 +70,12 @@ TEST(LiveObjects, NoEventOfADeletedObjectReachesTheNextAtItsAddress) {
 TEST(LiveObjects, ManyAtOnceHaveIdentitiesOfTheirOwn) {
 	std::vector<std::unique_ptr<CqorSIO_Object>> objects(5000);
 	std::vector<FakeDevice> devices(objects.size());
-	for (int round = 0; round < 2; ++round)
-		for (size_t i = 0; i < objects.size(); i += 1 + static_cast<size_t>(round) * 2) {
-			objects[i] = std::make_unique<CqorSIO_Object>();
-			ASSERT_EQ(objects[i]->piAccept(&devices[i], &FakeDevice::function) | devices[i].event(1), 0) << i;
-		}
 	std::set<void*> identities;
-	for (const auto& device : devices) identities.insert(device.object);
+	for (size_t i = 0; i < objects.size(); ++i) {
+		objects[i] = std::make_unique<CqorSIO_Object>();
+		ASSERT_EQ(objects[i]->piAccept(&devices[i], &FakeDevice::function) | devices[i].event(1), 0) << i;
+		identities.insert(devices[i].object);
+	}
 	EXPECT_EQ(identities.size(), objects.size());
 }
 
@@ -174,102 +174,76 @@ TEST(LiveObjects, AManagerSurvivesWhatItsCallbackDoesToIt) {
 
 namespace {
 
-/// A context that knows the callback it was set with.
+/// A context that knows the callback it was set with, and how long it lives.
 struct Context {
 	int owner;
-	std::atomic<bool> inUse{true};
-	bool isRight(int callback) const { return callback == owner && inUse; }
+	std::atomic<bool> alive{true};
 };
 std::atomic<int> wrong, right;
 
-template <int Owner>
-int judge(void* context) {
-	const auto* mine = static_cast<Context*>(context);
+template <int Owner, bool OfManager, class... Rest>
+int judge(void* context, Rest...) {
+	const auto* manager = static_cast<CqorSIO_PIManager*>(context);
+	const auto* mine = static_cast<Context*>(OfManager ? manager->mUserContext : context);
 	std::this_thread::yield();
-	++(mine && mine->isRight(Owner) ? right : wrong);
+	const bool same = !OfManager || manager->GetUserContext() == mine;
+	++(mine && mine->owner == Owner && mine->alive && same ? right : wrong);
 	return 1;
 }
-template <int Owner, class Device>
-int judgeDevice(void* context, Device*, unsigned long, unsigned long, unsigned long, void*, void*) {
-	return judge<Owner>(context);
-}
-template <int Owner>
-int judgeManager(void* manager, unsigned long, unsigned long, unsigned long, void*, void*) {
-	auto* m = static_cast<CqorSIO_PIManager*>(manager);
-	EXPECT_EQ(m->GetUserContext(), m->mUserContext);
-	return judge<Owner>(m->mUserContext);
-}
 
-/// Changes the pair while two threads call, and ends the former context's life when it was told that it may.
-template <class Set, class Call>
-void changeWhileCalled(Set set, Call call) {
+/// Changes the pair while two threads call, and lets the former context die as soon as it may.
+template <class Callback, bool OfManager = false, class Object, class Call>
+void changeWhileCalled(Object& object, Call call) {
+	static constexpr Callback callbacks[] = {&judge<0, OfManager>, &judge<1, OfManager>, nullptr};
 	wrong = right = 0;
 	std::atomic<bool> done{false};
-	std::vector<std::thread> threads;
-	for (int i = 0; i < 2; ++i)
-		threads.emplace_back([&] {
-			while (!done) call();
-		});
+	const auto callOn = [&] {
+		while (!done) call(object);
+	};
+	std::thread one(callOn), other(callOn);
 	std::vector<std::unique_ptr<Context>> contexts;
 	for (int i = 0; i < 300 || right < 300; ++i) {
 		contexts.push_back(std::unique_ptr<Context>(new Context{i % 3}));
-		set(i % 3, i % 3 == 2 ? nullptr : contexts.back().get());
-		if (i > 0) contexts[static_cast<size_t>(i) - 1]->inUse = false;
+		object.SetUserCallBack(callbacks[i % 3], i % 3 == 2 ? nullptr : contexts.back().get());
+		if (i > 0) contexts[static_cast<size_t>(i) - 1]->alive = false;
 		std::this_thread::yield();
 	}
 	done = true;
-	for (auto& thread : threads) thread.join();
+	one.join(), other.join();
 	EXPECT_EQ(wrong, 0);
 }
 
 } // namespace
 
 TEST(LiveObjects, CallbackAndContextChangeTogether) {
-	const auto pick = [](int which, auto first, auto second) -> decltype(first) {
-		return which == 0 ? first : which == 1 ? second : nullptr;
-	};
 	CqorSIO_VideoCap camera;
 	CqorSIO_TimeCap clock;
-	using Camera = CqorSIO_VideoCap;
-	using Clock = CqorSIO_TimeCap;
-	changeWhileCalled(
-	    [&](int which, void* context) {
-		    camera.SetUserCallBack(pick(which, &judgeDevice<0, Camera>, &judgeDevice<1, Camera>), context);
-	    },
-	    [&] { CqorSIO_Object::_piObjCB(&camera, qorSIO_EVENT_ONLINE, 0, 0, nullptr, nullptr); });
-	changeWhileCalled(
-	    [&](int which, void* context) {
-		    clock.SetUserCallBack(pick(which, &judgeDevice<0, Clock>, &judgeDevice<1, Clock>), context);
-	    },
-	    [&] { clock.callUserCB(1, 0, 0, nullptr, nullptr); });
 	CqorSIO_PIManager manager;
-	changeWhileCalled(
-	    [&](int which, void* context) {
-		    manager.SetUserCallBack(pick(which, &judgeManager<0>, &judgeManager<1>), context);
-	    },
-	    [&] { manager.userCB(1, 0, 0, nullptr, nullptr); });
+	changeWhileCalled<qorSIO_VideoCapFunc>(
+	    camera, [](auto& c) { CqorSIO_Object::_piObjCB(&c, qorSIO_EVENT_ONLINE, 0, 0, nullptr, nullptr); });
+	changeWhileCalled<qorSIO_TimeCapFunc>(clock, [](auto& c) { c.callUserCB(1, 0, 0, nullptr, nullptr); });
+	changeWhileCalled<qorSIO_Func, true>(manager, [](auto& m) { m.userCB(1, 0, 0, nullptr, nullptr); });
 }
 
 TEST(LiveObjects, CallbacksThatExchangeEachOthersCallbackDoNotWaitForEachOther) {
-	static CqorSIO_VideoCap* cameras[2];
+	static std::unique_ptr<CqorSIO_VideoCap> cameras[2];
 	static std::atomic<int> inside;
 	inside = 0;
-	std::unique_ptr<CqorSIO_VideoCap> owners[2];
 	std::vector<std::thread> threads;
-	for (int i = 0; i < 2; ++i) {
-		owners[i] = std::make_unique<CqorSIO_VideoCap>();
-		cameras[i] = owners[i].get();
-		cameras[i]->SetUserCallBack(
+	for (auto& camera : cameras) {
+		camera = std::make_unique<CqorSIO_VideoCap>();
+		camera->SetUserCallBack(
 		    [](void*, CqorSIO_VideoCap* c, auto...) {
 			    ++inside;
 			    EXPECT_TRUE(eventually([] { return inside == 2; }));
-			    cameras[c == cameras[0]]->SetUserCallBack(nullptr, nullptr);
+			    cameras[c == cameras[0].get()]->SetUserCallBack(nullptr, nullptr);
 			    return 0;
 		    },
 		    nullptr);
 	}
-	for (auto* camera : cameras)
-		threads.emplace_back([camera] { CqorSIO_Object::_piObjCB(camera, qorSIO_EVENT_USER, 0, 0, nullptr, nullptr); });
+	for (auto& camera : cameras)
+		threads.emplace_back([c = camera.get()] { c->_piObjCB(c, qorSIO_EVENT_USER, 0, 0, nullptr, nullptr); });
 	for (auto& thread : threads) thread.join();
 	EXPECT_EQ(cameras[0]->callUserCB(1, 0, 0, nullptr, nullptr), kFailure);
+	for (auto& camera : cameras) camera.reset();
 }

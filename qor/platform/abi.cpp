@@ -1,0 +1,3 @@
+#include "export.h"
+
+const char qorAbi_1 = 1;

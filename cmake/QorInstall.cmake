@@ -6,6 +6,9 @@ install(TARGETS qor EXPORT qorTargets
 	RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
 	LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
 	ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+if(MSVC)
+	install(FILES $<TARGET_PDB_FILE:qor> DESTINATION ${CMAKE_INSTALL_BINDIR} OPTIONAL)
+endif()
 install(FILES qor/qor.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qor)
 foreach(header IN LISTS QOR_PUBLIC_HEADERS)
 	get_filename_component(folder ${header} DIRECTORY)
@@ -14,6 +17,11 @@ endforeach()
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/qor)
 install(EXPORT qorTargets NAMESPACE qor:: DESTINATION ${package_folder})
+if(MSVC)
+	set(QOR_CXX_ABI MSVC)
+else()
+	set(QOR_CXX_ABI Itanium) # gcc, and clang where it does not stand in for Visual Studio
+endif()
 configure_package_config_file(cmake/qorConfig.cmake.in ${PROJECT_BINARY_DIR}/qorConfig.cmake
 	INSTALL_DESTINATION ${package_folder} PATH_VARS CMAKE_INSTALL_LIBDIR)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/qorConfigVersion.cmake COMPATIBILITY SameMajorVersion)
@@ -28,6 +36,16 @@ install(FILES ${PROJECT_BINARY_DIR}/qor.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/p
 install(DIRECTORY plugins/template plugins/common DESTINATION ${CMAKE_INSTALL_DATADIR}/qor/plugins)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DATADIR}/qor PATTERN Doxyfile EXCLUDE)
 
+# What of a compiler a host has to match stands in the package's name.
+string(REGEX MATCH "^[0-9]+" compiler_version ${CMAKE_CXX_COMPILER_VERSION})
+if(MSVC)
+	set(compiler msvc${MSVC_TOOLSET_VERSION})
+elseif(MINGW)
+	set(compiler mingw-gcc${compiler_version})
+else()
+	string(TOLOWER ${CMAKE_CXX_COMPILER_ID}${compiler_version} compiler)
+endif()
+set(CPACK_PACKAGE_FILE_NAME qor-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR}-${compiler})
 set(CPACK_PACKAGE_VENDOR "qor")
 if(WIN32)
 	set(CPACK_GENERATOR ZIP)

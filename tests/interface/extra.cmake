@@ -6,4 +6,8 @@ add_custom_command(OUTPUT ${constants} DEPENDS ${lister} ${header_paths} VERBATI
 	COMMAND ${CMAKE_COMMAND} "-DHEADERS=${QOR_PUBLIC_HEADERS}" -DROOT=${PROJECT_SOURCE_DIR}/qor -DOUTPUT=${constants} -P ${lister})
 target_sources(test_interface PRIVATE ${constants})
 target_include_directories(test_interface PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/interface)
-target_compile_options(test_interface PRIVATE $<IF:$<BOOL:${MSVC}>,/Od,-O0>)
+if(MSVC)
+	target_compile_options(test_interface PRIVATE /Od)
+else()
+	target_compile_options(test_interface PRIVATE -O0 -U_FORTIFY_SOURCE) # which asks for optimisation
+endif()

@@ -88,11 +88,17 @@ int printable(long long bytes) { return static_cast<int>(std::min<long long>(byt
 
 } // namespace
 
-CqorDynamicModule::CqorDynamicModule() : mPathHash(pathHash("")) {}
+/// The full path stands behind the record.
+struct CqorDynamicModule::File {
+	uint32_t pathHash; // of the path as it was given
+	char* fullPath() { return reinterpret_cast<char*>(this + 1); }
+};
+
+CqorDynamicModule::CqorDynamicModule() = default;
 
 CqorDynamicModule::~CqorDynamicModule() {
 	Destroy();
-	platform::release(mFullPath);
+	platform::release(mFile);
 }
 
 int CqorDynamicModule::SetFilePath(const char* path) {
@@ -101,16 +107,16 @@ int CqorDynamicModule::SetFilePath(const char* path) {
 	const std::string found = platform::fullPath(path);
 	const char* full = found.empty() ? path : found.c_str(); // a text that is no path fails where it is used
 	const size_t size = std::strlen(full) + 1;
-	auto* copy = static_cast<char*>(platform::allocate(size));
-	if (!copy) return kQorFailure;
-	std::memcpy(copy, full, size);
-	platform::release(std::exchange(mFullPath, copy));
+	auto* file = static_cast<File*>(platform::allocate(sizeof(File) + size));
+	if (!file) return kQorFailure;
+	file->pathHash = pathHash(path);
+	std::memcpy(file->fullPath(), full, size);
+	platform::release(std::exchange(mFile, file));
 	std::memmove(mPath, path, length + 1); // `path` may be this module's own
-	mPathHash = pathHash(mPath);
 	return kQorSuccess;
 }
 
-const char* CqorDynamicModule::file() const { return mFullPath ? mFullPath : ""; }
+const char* CqorDynamicModule::file() const { return mFile ? mFile->fullPath() : ""; }
 const char* CqorDynamicModule::GetFilePath() const { return mPath; }
 bool CqorDynamicModule::IsLoaded() const { return mModule != nullptr; }
 const eqorDM_INFO* CqorDynamicModule::GetInformation() const { return mInformation; }
@@ -123,7 +129,7 @@ uint32_t CqorDynamicModule::pathHash(const char* path) {
 }
 
 bool CqorDynamicModule::hasPath(const char* path, uint32_t hash) const {
-	return mPathHash == hash && equalWithoutCase(mPath, path);
+	return mFile && mFile->pathHash == hash && equalWithoutCase(mPath, path);
 }
 
 int CqorDynamicModule::Load() {

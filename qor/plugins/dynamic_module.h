@@ -98,8 +98,9 @@ public:
 
 private:
 	friend class CqorDynamicModuleList;
+	struct File;
 
-	/// Of the path in lower case: tells nearly all paths apart by one word.
+	/// Of a path in lower case: tells nearly all paths apart by one word.
 	static uint32_t pathHash(const char* path);
 	/// Whether that is the module's path, but for the case of ASCII letters.
 	bool hasPath(const char* path, uint32_t hash) const;
@@ -113,6 +114,5 @@ private:
 	char mPath[264] = {};
 	eqorDM_INFO* mInformation = nullptr; // null when there is none
 	qorDM_Func mFunction = nullptr;      // null when the library has none
-	uint32_t mPathHash;
-	char* mFullPath = nullptr; // null before `SetFilePath`
+	File* mFile = nullptr;               // what the path named when it was set; null before
 };

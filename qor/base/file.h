@@ -38,7 +38,7 @@ using CstFileCallBack = unsigned long (*)(
 using CstFileBackEnd = unsigned long (*)(
     void* handle, unsigned long code, unsigned long a, unsigned long b, unsigned long c, void* p);
 
-/// One buffer of a stream.
+/// One buffer of a stream. This record and the next are made by the library alone, and fixed.
 struct estFILE_STREAM_BUFFER {
 	uint32_t mCapacity = 0; // bytes, a multiple of 4096
 	unsigned char* mData = nullptr;
@@ -151,7 +151,7 @@ public:
 
 	/// Opens the caller's block, of at most 2147483647 bytes, at position 0. The block is never
 	/// freed here, but a write past its size reallocates it: a caller who lets the file grow
-	/// passes a heap block. A seek from the start is limited by the size only; at the
+	/// passes a block of `stMemAlloc`. A seek from the start is limited by the size only; at the
 	/// position below 0 that a negative offset gives, nothing is read or written.
 	unsigned long OpenFromMemory(void* block, unsigned long size);
 

@@ -1,5 +1,7 @@
 #include "linear_array.h"
 
+#include "mem_vector_internal.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -17,7 +19,13 @@ bool canCount(size_t count, size_t itemSize) { return itemSize <= UINT32_MAX / 2
 
 void* CstmLinearArray::laAdd(int count, int zero) {
 	if (count < 1) return mData;
-	return laInsert(mItemCount, count, zero);
+	if (mItemSize == 0 || count > INT32_MAX - mItemCount) return nullptr;
+	const auto newCount = static_cast<size_t>(mItemCount) + static_cast<size_t>(count);
+	const auto before = static_cast<size_t>(mByteSize); // the items
+	if (!canCount(newCount, mItemSize) || !mvResize(newCount * mItemSize)) return nullptr;
+	mItemCount = static_cast<int32_t>(newCount);
+	if (zero) std::memset(mData + before, 0, static_cast<size_t>(mByteSize) - before);
+	return mData + before;
 }
 
 void* CstmLinearArray::laInsert(int index, int count, int zero) {

@@ -16,11 +16,25 @@ constexpr size_t kWideTextBuffer = kTextBuffer / sizeof(char16_t);
 /// A position below 0 reads as a large unsigned number; this gives it back its sign.
 int64_t signedPosition(uint32_t position) { return static_cast<int32_t>(position); }
 
+/// Writes `count` bytes of `source`, which may overlap, or zeros. Records of 8 to 16 bytes, which most
+/// are, go without a call: both halves are read before one is written.
+inline void fill(unsigned char* target, const void* source, unsigned long count) {
+	if (source && count >= 8 && count <= 16) {
+		uint64_t head, tail;
+		std::memcpy(&head, source, 8);
+		std::memcpy(&tail, static_cast<const unsigned char*>(source) + count - 8, 8);
+		std::memcpy(target, &head, 8);
+		std::memcpy(target + count - 8, &tail, 8);
+	} else if (count > 0) {
+		source ? std::memmove(target, source, count) : std::memset(target, 0, count);
+	}
+}
+
 constexpr uint64_t kWorthAnother = 65536; // refused room behind the contents that another try does without
 
 /// The capacity a growing block of our own gets.
 uint64_t roomBehind(uint64_t capacity) {
-	constexpr uint64_t kSmallest = 256, kDoubled = 4096;
+	constexpr uint64_t kSmallest = 256, kDoubled = 16 << 20;
 	return std::min<uint64_t>(
 	    INT32_MAX, std::max(kSmallest, capacity + (capacity < kDoubled ? capacity : capacity / 2)));
 }
@@ -112,18 +126,16 @@ unsigned long CstMemFile::WriteAt(const void* source, unsigned long count, unsig
 	return writeFrom(static_cast<uint32_t>(start), source, count, where);
 }
 
-/// Makes the contents `size` bytes long, with room behind them in a block of our own.
+/// Moves the contents into a block with room behind them; a caller's is reallocated exactly.
 bool CstMemFile::grow(uint64_t size) {
 	if (size > INT32_MAX) return false;
-	if (size > mCapacity) { // always for a caller's buffer, which is reallocated exactly
-		uint64_t capacity = mBorrowed ? size : std::max(size, roomBehind(mCapacity));
-		void* data = platform::reallocate(mData, static_cast<size_t>(capacity));
-		if (!data && capacity - size >= kWorthAnother)
-			data = platform::reallocate(mData, static_cast<size_t>(capacity = size));
-		if (!data) return false;
-		mData = static_cast<unsigned char*>(data);
-		mCapacity = mBorrowed ? 0 : static_cast<uint32_t>(capacity);
-	}
+	uint64_t capacity = mBorrowed ? size : std::max(size, roomBehind(mCapacity));
+	void* data = platform::reallocate(mData, static_cast<size_t>(capacity));
+	if (!data && capacity - size >= kWorthAnother)
+		data = platform::reallocate(mData, static_cast<size_t>(capacity = size));
+	if (!data) return false;
+	mData = static_cast<unsigned char*>(data);
+	mCapacity = mBorrowed ? 0 : static_cast<uint32_t>(capacity);
 	mSize = static_cast<int32_t>(size);
 	return true;
 }
@@ -131,20 +143,30 @@ bool CstMemFile::grow(uint64_t size) {
 unsigned long CstMemFile::writeFrom(uint32_t position, const void* source, unsigned long count, void** where) {
 	if (where) *where = nullptr;
 	if (position > static_cast<uint32_t>(mSize)) return 0; // below 0
-	const auto* bytes = static_cast<const unsigned char*>(source);
-	// Bytes of this file move with it when it grows.
-	const std::less<const unsigned char*> less;
-	const bool inside = bytes && mData && !less(bytes, mData) && less(bytes, mData + mSize);
-	const auto sourceOffset = inside ? bytes - mData : 0;
-
 	const uint64_t end = static_cast<uint64_t>(position) + count;
-	if (end < count || (end > static_cast<uint64_t>(mSize) && !grow(end))) return 0;
+	if (end < count) return 0;
+	if (end > static_cast<uint64_t>(mSize)) {
+		if (end <= mCapacity)
+			mSize = static_cast<int32_t>(end);
+		else if (!growAround(end, &source))
+			return 0;
+	}
 	auto* target = mData + position;
-	if (inside) bytes = mData + sourceOffset;
-	if (target && count > 0) bytes ? std::memmove(target, bytes, count) : std::memset(target, 0, count);
+	if (target) fill(target, source, count);
 	mPosition = static_cast<uint32_t>(end);
 	if (where) *where = target;
 	return count;
+}
+
+/// Grows; bytes of this file that are to be written move with it.
+bool CstMemFile::growAround(uint64_t size, const void** source) {
+	const auto* bytes = static_cast<const unsigned char*>(*source);
+	const std::less<const unsigned char*> less;
+	const bool inside = bytes && mData && !less(bytes, mData) && less(bytes, mData + mSize);
+	const auto offset = inside ? bytes - mData : 0;
+	if (!grow(size)) return false;
+	if (inside) *source = mData + offset;
+	return true;
 }
 
 void* CstMemFile::GetBuffer(unsigned long* size) const {

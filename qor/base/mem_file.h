@@ -8,8 +8,8 @@
 /// A file in memory: bytes with one read and write position.
 ///
 /// It owns a heap block, or works over a caller's buffer. The contents grow exactly as far as
-/// writes reach; the owned block behind them may be larger by half (small ones by as much
-/// again), a caller's buffer never is. All sizes and positions are 32-bit; growth past 2147483647 bytes is refused. A
+/// writes reach; the owned block behind them may be larger by as much again (from 16 MiB on:
+/// by half), a caller's buffer never is. All sizes and positions are 32-bit; growth past 2147483647 bytes is refused. A
 /// failed call leaves contents and position as they were. One thread at a time.
 ///
 /// A seek from the start is limited by the size only, so a negative offset gives a position
@@ -22,14 +22,14 @@ public:
 	CstMemFile& operator=(const CstMemFile&) = delete;
 
 	/// Starts an owned file of `size` zeroed bytes at position 0. A block owned before is
-	/// not freed: whoever took it with `GetBuffer` frees it, others call `Close` first.
+	/// not freed: whoever took it with `GetBuffer` frees it (`stMemFree`), others call `Close` first.
 	/// @param data receives the contents (null for size 0 and on failure); may be null.
 	/// @return 0; 0x10000000 without memory or for a size above 2147483647.
 	int Create(unsigned long size, void** data = nullptr);
 
 	/// Works over the caller's buffer, at position 0; a block owned before is not freed. The
 	/// buffer stays the caller's and outlives its use here. A write past its size
-	/// reallocates it all the same, so only a heap block may be written past its size; it
+	/// reallocates it all the same, so only a block of `stMemAlloc` may be written past its size; it
 	/// is then the block `GetBuffer` gives, still the caller's to free.
 	/// @return 0; 0x10000000 for null with a size or a size above 2147483647.
 	int Open(void* buffer, unsigned long size);
@@ -79,6 +79,7 @@ public:
 private:
 	void start(unsigned char* data, unsigned long size, bool borrowed);
 	bool grow(uint64_t size);
+	bool growAround(uint64_t size, const void** source);
 	unsigned long writeFrom(uint32_t position, const void* source, unsigned long count, void** where);
 	bool needText();
 	unsigned long writeNarrow(const char* format, va_list arguments, bool line);

@@ -1,6 +1,5 @@
-#include "mem_vector.h"
-
 #include "../platform/memory.h"
+#include "mem_vector_internal.h"
 #include "status.h"
 
 #include <algorithm>
@@ -24,14 +23,12 @@ unsigned char* dataOf(void* raw, uint32_t flags) {
 /// No block is larger, so the reserve can be added and pointers subtracted.
 constexpr size_t kLargestBlock = SIZE_MAX / 2 - kAlignmentReserve;
 
-constexpr uint64_t kShrinkAt = 4;         // a size below this part of the block makes it smaller
-constexpr uint64_t kSmallest = 64;        // bytes of a block that has grown
 constexpr uint64_t kWorthAnother = 65536; // refused room behind the contents that another try does without
 
 /// The capacity a growing block gets, so that growing by small steps costs the same each.
-uint64_t roomBehind(uint64_t capacity) {
-	constexpr uint64_t kDoubled = 4096;
-	return std::max(kSmallest, capacity + (capacity < kDoubled ? capacity : capacity / 2));
+uint64_t roomBehind(uint64_t capacity, uint64_t smallest) {
+	constexpr uint64_t kDoubled = 16 << 20;
+	return std::max(smallest, capacity + (capacity < kDoubled ? capacity : capacity / 2));
 }
 
 } // namespace
@@ -60,17 +57,16 @@ void* CstmMemVector::mvRealloc(size_t size) {
 	return mvResize(size);
 }
 
-void* CstmMemVector::mvResize(size_t size) {
+/// Another block for a size that the one there does not fit.
+bool CstmMemVector::refit(size_t size) {
+	if (!mRawBlock) return mvAlloc(size) != nullptr;
+	if (size > kLargestBlock) return false;
 	if (size > mCapacity) {
-		if (!mRawBlock) return mvAlloc(size);
-		if (size > kLargestBlock) return nullptr;
-		const uint64_t wanted = std::max<uint64_t>(size, roomBehind(mCapacity));
-		if (!moveTo(wanted) && (wanted - size < kWorthAnother || !moveTo(size))) return nullptr;
-	} else if (size < mCapacity / kShrinkAt && mCapacity > kSmallest) {
-		moveTo(std::max<uint64_t>(size * 2, kSmallest)); // a refusal only leaves the block as large as it is
+		const uint64_t wanted = std::max<uint64_t>(size, roomBehind(mCapacity, kSmallestGrown));
+		return moveTo(wanted) || (wanted - size >= kWorthAnother && moveTo(size));
 	}
-	mByteSize = size;
-	return mData;
+	moveTo(std::max<uint64_t>(size * 2, kSmallestGrown)); // a refusal only leaves the block as large as it is
+	return true;
 }
 
 /// Changes the block; the contents stay up to the smaller of size and capacity.
@@ -120,6 +116,10 @@ void CstmMemVector::mvSwap(CstmMemVector& other) {
 	std::swap(mByteSize, other.mByteSize);
 	std::swap(mCapacity, other.mCapacity);
 }
+
+void* stMemAlloc(size_t size) { return platform::allocate(size); }
+
+void stMemFree(void* block) { platform::release(block); }
 
 void* stVirtualAlloc(size_t size, void* address, unsigned long allocationType, unsigned long protection) {
 	return platform::virtualAllocate(size, address, allocationType, protection);

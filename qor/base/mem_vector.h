@@ -17,9 +17,9 @@ struct CstmMemVectorConstants {
 /// A failed allocation leaves the block and its contents as they were. Not locked: one
 /// thread at a time. The containers below build on it and keep the block to themselves.
 ///
-/// The size is exact. The block behind it may be larger once it has grown, by half at most
-/// (small ones by as much again), so that a change does not copy the contents each time; when
-/// the size falls below a quarter of the block, the block follows.
+/// The size is exact. The block behind it may be larger once it has grown, by as much again (from
+/// 16 MiB on: by half), so that a change does not copy the contents each time; when the size
+/// falls below a quarter of the block, the block follows.
 class QOR_API CstmMemVector : public CstmMemVectorConstants {
 public:
 	explicit CstmMemVector(unsigned long flags = 0);
@@ -59,10 +59,22 @@ protected:
 	uint64_t mByteSize = 0;
 
 private:
+	static constexpr uint64_t kSmallestGrown = 64; // bytes of a block that has grown
+
+	bool refit(size_t size);
 	bool moveTo(uint64_t capacity);
 
 	uint64_t mCapacity = 0; // bytes from mData on that are ours
 };
+
+/// The library's heap, for blocks that cross: what `CstFile::OpenFromMemory` or `CstMemFile::Open`
+/// may have to make larger comes from here, and what `CstMemFile::GetBuffer` gave up goes back
+/// here. With the runtime that the library was built with, these are `malloc` and `free`; a
+/// host with another runtime (a debug build of Visual Studio) has no other way.
+/// @return null without memory. A size of 0 gives a block that must be freed.
+QOR_API void* stMemAlloc(size_t size);
+/// Null does nothing.
+QOR_API void stMemFree(void* block);
 
 /// Virtual memory of the system, with the numbers of its Windows contract: commit 0x1000,
 /// reserve 0x2000, decommit 0x4000, release 0x8000; no access 1, read 2, read and write 4.

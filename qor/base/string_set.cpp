@@ -1,5 +1,6 @@
 #include "string_set.h"
 
+#include "../platform/draft.h"
 #include "../platform/format.h"
 #include "../platform/memory.h"
 #include "file.h"
@@ -20,10 +21,10 @@ TextBlock allocateText(size_t size) { return TextBlock(static_cast<char*>(platfo
 
 constexpr size_t kLargestTransfer = size_t{1} << 30;
 
-/// Gathers lines and writes them to a file in large pieces.
+/// Gathers lines and writes them to a draft in large pieces.
 class LineWriter {
 public:
-	LineWriter(CstFile& file, char* buffer, size_t size) : mFile(file), mBuffer(buffer), mSize(size) {}
+	LineWriter(platform::Draft& draft, char* buffer, size_t size) : mDraft(draft), mBuffer(buffer), mSize(size) {}
 
 	/// The buffer holds any line with its end and terminator.
 	void add(const char* text) {
@@ -34,19 +35,15 @@ public:
 		mBuffer[mUsed++] = '\n';
 	}
 
-	/// @return whether the file took everything so far.
+	/// @return whether the draft took everything so far.
 	bool flush() {
-		for (size_t done = 0; mComplete && done < mUsed;) {
-			const auto piece = static_cast<unsigned long>(std::min(mUsed - done, kLargestTransfer));
-			mComplete = mFile.Write(mBuffer + done, piece) == piece;
-			done += piece;
-		}
+		mComplete = mComplete && mDraft.write(mBuffer, mUsed);
 		mUsed = 0;
 		return mComplete;
 	}
 
 private:
-	CstFile& mFile;
+	platform::Draft& mDraft;
 	char* mBuffer;
 	size_t mSize;
 	size_t mUsed = 0;
@@ -181,12 +178,12 @@ int CstmCharStringSet::SaveToFile(const char* path) const {
 	size_t longest = 0;
 	for (int i = 0; i < mItemCount; ++i) longest = std::max(longest, std::strlen(GetLine(i)));
 	const size_t size = std::max(kGathered, longest + 3);
-	const auto buffer = allocateText(size); // before the old file is gone
+	const auto buffer = allocateText(size);
 	if (!buffer) return kQorFailure;
 
-	CstFile file;
-	if (file.Create(path, 0x40000000, 0) != 0) return kQorFailure;
-	LineWriter writer(file, buffer.get(), size);
+	platform::Draft draft;
+	if (!draft.open(path)) return kQorFailure;
+	LineWriter writer(draft, buffer.get(), size);
 	for (int i = 0; i < mItemCount; ++i) writer.add(GetLine(i));
-	return writer.flush() ? kQorSuccess : kQorFailure;
+	return writer.flush() && draft.commit() ? kQorSuccess : kQorFailure;
 }

@@ -56,11 +56,14 @@ public:
 	/// @return 0; 0x10000000, with an empty set, when the file cannot be opened or read, or without memory.
 	int LoadFromFile(const char* path);
 
-	/// Writes every string and "\r\n" to a new file, replacing an old one. "%%" in a string
-	/// becomes "%" on the way, so a set that holds percent signs holds them doubled; a single
-	/// percent sign stays. Strings of any length are written whole.
-	/// @return 0; 0x10000000 when the file cannot be made or not all of it could be written,
-	///         and, with an old file untouched, without memory.
+	/// Writes every string and "\r\n" to a file. "%%" in a string becomes "%" on the way, so a set
+	/// that holds percent signs holds them doubled; a single percent sign stays. Strings of any
+	/// length are written whole.
+	///
+	/// The lines are written beside the file and replace it as one change when all of them are on
+	/// the medium; its rights stay. A target that is there but not a regular file is refused.
+	/// @return 0; 0x10000000, with an old file untouched, without memory or when not all of it
+	///         could be written.
 	int SaveToFile(const char* path) const;
 
 private:

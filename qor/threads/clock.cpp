@@ -80,12 +80,14 @@ void CstxClock::closeEvents() {
 int CstxClock::Start() {
 	if (!has(kCreated)) return kQorFailure;
 	if (StartWaitWorker() != kQorSuccess) return kQorFailure;
-	if (StartClockWorker() != kQorSuccess) {
-		StopWaitWorker();
-		return kQorFailure;
-	}
+	// Before the clock worker starts: a first callback may destroy this object.
+	const bool wasRunning = has(kRunning);
+	if (!wasRunning) mStartTime.store(seconds(), std::memory_order_relaxed);
 	mFlags.fetch_or(kRunning, std::memory_order_release);
-	return kQorSuccess;
+	if (StartClockWorker() == kQorSuccess) return kQorSuccess;
+	if (!wasRunning) mFlags.fetch_and(~kRunning, std::memory_order_acq_rel);
+	StopWaitWorker();
+	return kQorFailure;
 }
 
 int CstxClock::Stop() { return has(kRunning) ? stopWorkers() : kQorFailure; }
@@ -102,15 +104,15 @@ int CstxClock::StartWaitWorker() {
 	if (mWaitState.load(std::memory_order_acquire) == kStateRunning) return kQorSuccess;
 	// A worker that a stop gave up on must not find itself running again.
 	WorkerThread::part(mWaitThread, threads::kEndWaitMs);
-	mWaitThread = WorkerThread::start(waitEntry, this, mWaitPriority.load(std::memory_order_relaxed));
-	return mWaitThread ? kQorSuccess : kQorFailure;
+	const int priority = mWaitPriority.load(std::memory_order_relaxed);
+	return WorkerThread::start(mWaitThread, waitEntry, this, priority) ? kQorSuccess : kQorFailure;
 }
 
 int CstxClock::StartClockWorker() {
 	if (mClockState.load(std::memory_order_acquire) == kStateRunning) return kQorSuccess;
 	WorkerThread::part(mClockThread, threads::kEndWaitMs);
-	mClockThread = WorkerThread::start(clockEntry, this, mClockPriority.load(std::memory_order_relaxed));
-	return mClockThread ? kQorSuccess : kQorFailure;
+	const int priority = mClockPriority.load(std::memory_order_relaxed);
+	return WorkerThread::start(mClockThread, clockEntry, this, priority) ? kQorSuccess : kQorFailure;
 }
 
 int CstxClock::StopWaitWorker() {

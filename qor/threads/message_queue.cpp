@@ -1,6 +1,7 @@
 #include "message_queue.h"
 
 #include "../base/status.h"
+#include "../platform/machine.h"
 #include "../platform/memory.h"
 #include "../platform/wait.h"
 #include "light_lock_internal.h"
@@ -18,7 +19,7 @@ namespace {
 
 constexpr int kBitsPerWord = 64;
 
-int mapWords(int capacity) { return (capacity + kBitsPerWord - 1) / kBitsPerWord; }
+int mapWords(int capacity) { return capacity / kBitsPerWord + (capacity % kBitsPerWord != 0); }
 
 // A foreign item's byte is written under another queue's lock than its own, so all go through here.
 uint8_t state(const eqor_QUEUE_ITEM& item) {
@@ -38,8 +39,10 @@ std::atomic<uint32_t> foreignFrees{0};
 constexpr int kAhead = 3;
 constexpr uint32_t kAheadAlone = 3;
 
-/// Items whose pool and list have sizes that can be counted.
-constexpr int kMaximumCapacity = INT32_MAX / 4;
+/// Whether a pool of that many items can be: it is cleared at once, so it must fit into the machine.
+bool fitsMachine(int capacity) {
+	return static_cast<uint64_t>(capacity) * sizeof(eqor_QUEUE_ITEM) <= platform::memoryStatus().totalPhysical;
+}
 
 /// Brings the lines that most messages use closer.
 void fetch(eqor_QUEUE_ITEM& item) {
@@ -71,7 +74,7 @@ Cqor_MsgQueue::~Cqor_MsgQueue() {
 
 int Cqor_MsgQueue::Create(int capacity) {
 	Destroy();
-	if (capacity < 0 || capacity > kMaximumCapacity) return kQorFailure;
+	if (capacity < 0 || !fitsMachine(capacity)) return kQorFailure;
 	const size_t places = static_cast<size_t>(capacity);
 	auto* items = static_cast<eqor_QUEUE_ITEM*>(platform::allocate(places * sizeof(eqor_QUEUE_ITEM)));
 	auto* pending = static_cast<eqor_QUEUE_ITEM**>(platform::allocate(

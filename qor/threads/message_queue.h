@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// One message. The pools hold them side by side; nothing ever copies one.
+/// One message. The pools hold them side by side; nothing ever copies one. Its layout is fixed.
 ///
 /// An item is written only by the producer that claimed it and read only by the consumer that
 /// took it. An add operation leaves the fields it does not name as the previous user left
@@ -60,7 +60,8 @@ public:
 	Cqor_MsgQueue& operator=(const Cqor_MsgQueue&) = delete;
 
 	/// Frees what there was and allocates a cleared pool and a list of as many places.
-	/// @return 0; 0x10000000, with no pool and capacity 0, for a negative capacity or without memory.
+	/// @return 0; 0x10000000, with no pool and capacity 0, for a negative capacity, one that takes more
+	///         than the machine's memory, or without memory.
 	int Create(int capacity);
 
 	/// Frees pool and list. Takes no lock.

@@ -100,7 +100,7 @@ int Cqor_MultiMQInstance::Create(Cqor_MultiMQCallBack callback, int instanceCoun
 	Lock();
 	endInstances(true);
 	mCallback = callback;
-	int result = mMutex ? kQorSuccess : kQorFailure;
+	int result = mMutex && instanceCount <= Cqor_MQConstants::kMaximumInstances ? kQorSuccess : kQorFailure;
 	for (int i = 0; i < instanceCount && result == kQorSuccess; ++i)
 		if (!addInstance(workersPerInstance, queueSize, affinityMask, priority)) result = kQorFailure;
 	if (result != kQorSuccess) endInstances(true);

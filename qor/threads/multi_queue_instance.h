@@ -55,7 +55,8 @@ public:
 	/// An instance whose own creation fails (no workers asked for, or the system refuses one) stays
 	/// in its place without workers and items: adds skip it. `getWorkerUsage` shows it.
 	/// @param instanceCount below 1: no instances.
-	/// @return 0; 0x10000000, with no instances, without memory for the objects themselves or when
+	/// @return 0; 0x10000000, with no instances, for more than `kMaximumInstances`, without memory for the objects
+	/// themselves or when
 	///         the system refused the object's mutex; the same, changing nothing, within a callback
 	///         of this object.
 	int Create(Cqor_MultiMQCallBack callback, int instanceCount, int workersPerInstance, int queueSize,

@@ -40,7 +40,7 @@ Cqor_MQInstance::~Cqor_MQInstance() { Destroy(); }
 int Cqor_MQInstance::Create(
     Cqor_MQCallBack callback, int workerCount, int queueSize, int priority, int affinityMask, int autoStart) {
 	Destroy();
-	if (workerCount < 1) return kQorFailure;
+	if (workerCount < 1 || workerCount > kMaximumWorkers) return kQorFailure;
 	mPriority = priority;
 	mAffinityMask = static_cast<uint32_t>(affinityMask);
 	mCallback = callback;

@@ -34,6 +34,9 @@ struct Cqor_MQConstants {
 	static constexpr int kCallBackEnding = 2;
 
 	static constexpr unsigned long kNoLimit = 0xFFFFFFFF; ///< for `WaitForIdle`
+
+	static constexpr int kMaximumWorkers = 65536;   ///< of an instance
+	static constexpr int kMaximumInstances = 65536; ///< of a multi-queue
 };
 
 /// A queue with worker threads that pass each item to one callback.
@@ -68,12 +71,12 @@ public:
 
 	/// Makes queue and workers; what there was is destroyed first.
 	///
-	/// @param workerCount  at least 1.
+	/// @param workerCount  1 to `kMaximumWorkers`.
 	/// @param queueSize    items in the pool; below 1: as many as workers.
 	/// @param priority     of the workers: -15 (idle) to 15 (time critical), 0 normal.
 	/// @param affinityMask bit n allows processor n; 0: no affinity.
 	/// @param autoStart    not 0: also starts the workers.
-	/// @return 0; 0x10000000 for too few workers or when the system refuses memory, the
+	/// @return 0; 0x10000000 for too few or too many workers or when the system refuses memory, the
 	///         semaphore or a thread. Everything is destroyed then.
 	int Create(Cqor_MQCallBack callback, int workerCount, int queueSize, int priority, int affinityMask, int autoStart);
 

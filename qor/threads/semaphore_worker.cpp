@@ -31,8 +31,7 @@ int CstxSemaphore::StartWorker(CallBackFunction callback, int waitTimeoutMs, int
 	mState.store(kNoWorker, std::memory_order_release);
 	mCallback.store(callback, std::memory_order_relaxed);
 	mWaitTimeoutMs.store(static_cast<uint32_t>(waitTimeoutMs), std::memory_order_relaxed);
-	mThread = WorkerThread::start(workerEntry, this, 0);
-	return mThread ? kQorSuccess : kQorFailure;
+	return WorkerThread::start(mThread, workerEntry, this, 0) ? kQorSuccess : kQorFailure;
 }
 
 int CstxSemaphore::StopWorker() {

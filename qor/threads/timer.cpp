@@ -5,6 +5,7 @@
 #include "../core/class_manager.h"
 #include "../core/runtime.h"
 #include "../platform/clock.h"
+#include "../platform/machine.h"
 #include "worker_thread_internal.h"
 
 using threads::WorkerThread;
@@ -57,8 +58,7 @@ int CmcUtilTimer::Create(double periodSeconds, CallBackFunction callback) {
 	WorkerThread::part(mThread, threads::kEndWaitMs);
 	mPeriod.store(periodSeconds, std::memory_order_relaxed);
 	mCallback.store(callback, std::memory_order_relaxed);
-	mThread = WorkerThread::start(_worker, this, 0, &mThreadId);
-	return mThread ? kQorSuccess : kQorFailure;
+	return WorkerThread::start(mThread, _worker, this, 0) ? kQorSuccess : kQorFailure;
 }
 
 void CmcUtilTimer::Destroy() {
@@ -92,6 +92,7 @@ unsigned CmcUtilTimer::_worker(void* timer, WorkerThread& thread) {
 }
 
 unsigned CmcUtilTimer::worker(WorkerThread& thread) {
+	mThreadId.store(platform::threadId(), std::memory_order_relaxed);
 	mState.store(kRunning, std::memory_order_release);
 	mLastSignal.store(appGetTime(), std::memory_order_relaxed);
 	thread.entered();

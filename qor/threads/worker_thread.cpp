@@ -13,25 +13,37 @@ namespace {
 constexpr int kEntryYields = 100;
 } // namespace
 
-WorkerThread* WorkerThread::start(Body body, void* owner, int priority, std::atomic<uint32_t>* id) {
-	auto* thread = new (std::nothrow) WorkerThread(body, owner);
-	if (!thread) return nullptr;
-	uint32_t number = 0;
-	thread->mHandle = platform::startThread(entry, thread, priority, 0, &number);
-	if (!thread->mHandle) {
-		delete thread;
-		return nullptr;
-	}
-	if (id) id->store(number, std::memory_order_relaxed);
-	// Entering takes microseconds; a start is no place for one more kernel object that can be refused.
-	for (int turn = 0; !thread->mEntered.load(std::memory_order_acquire); ++turn)
+namespace {
+
+/// Both sides of a start wait for each other for microseconds; that is no place for one more kernel
+/// object that can be refused.
+void waitUntilSet(const std::atomic<bool>& word) {
+	for (int turn = 0; !word.load(std::memory_order_acquire); ++turn)
 		turn < kEntryYields ? platform::yieldThread() : platform::sleepMs(1);
-	return thread;
+}
+
+} // namespace
+
+bool WorkerThread::start(WorkerThread*& place, Body body, void* owner, int priority) {
+	auto* thread = new (std::nothrow) WorkerThread(body, owner);
+	place = thread;
+	if (!thread) return false;
+	thread->mHandle = platform::startThread(entry, thread, priority);
+	if (!thread->mHandle) {
+		place = nullptr;
+		delete thread;
+		return false;
+	}
+	thread->mHasHandle.store(true, std::memory_order_release);
+	waitUntilSet(thread->mEntered);
+	thread->drop();
+	return true;
 }
 
 unsigned WorkerThread::entry(void* record) {
 	auto* thread = static_cast<WorkerThread*>(record);
 	thread->mThreadId.store(platform::threadId(), std::memory_order_relaxed);
+	waitUntilSet(thread->mHasHandle);
 	const unsigned result = thread->mBody(thread->mOwner, *thread);
 	thread->entered(); // a body that had nothing to do must not keep its starter waiting
 	thread->drop();

@@ -17,15 +17,16 @@ inline constexpr uint32_t kEndWaitMs = 5000;
 /// leave a thread that is away: on its way back the thread learns that and ends without
 /// touching the owner. Inside the thread is never for long, so an owner can always go.
 ///
-/// The record is owned by both and goes with the last of the two.
+/// The record is owned by both and goes with the last of them.
 class WorkerThread {
 public:
 	using Body = unsigned (*)(void* owner, WorkerThread& thread);
 
-	/// Starts a thread on `body` and returns once it has called `entered` (or ended).
-	/// @param id receives the thread's number; may be null.
-	/// @return null when the system refuses memory or the thread.
-	static WorkerThread* start(Body body, void* owner, int priority, std::atomic<uint32_t>* id = nullptr);
+	/// Starts a thread on `body` and returns once it has called `entered` (or ended). The owner has
+	/// the thread in `place` before the body begins, and is not touched any more behind that: its
+	/// first callback may destroy it.
+	/// @return false, with null in `place`, when the system refuses memory or the thread.
+	static bool start(WorkerThread*& place, Body body, void* owner, int priority);
 
 	/// Waits for the thread's end. @return false on time-out, or from the thread itself.
 	bool waitForEnd(uint32_t timeoutMs) const;
@@ -56,8 +57,9 @@ private:
 	Body mBody;
 	void* mOwner;
 	platform::WaitHandle mHandle = nullptr;
-	std::atomic<int> mReferences{2};
+	std::atomic<int> mReferences{3}; // the owner's, the thread's and the starter's
 	std::atomic<uint32_t> mThreadId{0};
+	std::atomic<bool> mHasHandle{false};
 	std::atomic<bool> mEntered{false};
 	std::atomic<uint32_t> mPlace{kInside};
 };

@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -129,7 +130,10 @@ TEST_F(FileFaults, BytesAFullDiskDidNotTakeAreReported) {
 
 	CstmCharStringSet set;
 	set.Add("text");
-	EXPECT_EQ(set.SaveToFile(mName), 0x10000000);
+	const std::string old = written();
+	EXPECT_EQ(set.SaveToFile(mName), 0x10000000); // beside the old one, which stays
+	EXPECT_TRUE(written() == old &&
+	            std::distance(std::filesystem::directory_iterator(mPath.substr(0, mPath.size() - 5)), {}) == 1);
 	mFaulty.makeReadOnly(mPath);
 	EXPECT_EQ(set.LoadFromFile(mName), 0x10000000);
 }

@@ -85,8 +85,7 @@ TEST(FileCallBack, TheProducerIsNeverHeldUpByTheWritersCall) {
 	CstFile streamed;
 	create(streamed);
 	streamed.SetCallBack([](CstFile* f, unsigned long code, unsigned long, unsigned long, void*) -> unsigned long {
-		if (code != CstFile::kCallBackFlushBegin) return 0;
-		entered = true;
+		if (code != CstFile::kCallBackFlushBegin || entered.exchange(true)) return 0;
 		while (!asked) std::this_thread::yield();
 		// Another thread's file: only looked at.
 		EXPECT_TRUE(

@@ -47,3 +47,4 @@
 #include "threads/semaphore.h"
 #include "threads/semaphore_worker.h"
 #include "threads/timer.h"
+#include "threads/wait_result.h"

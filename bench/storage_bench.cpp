@@ -6,6 +6,8 @@
 //   QOR_BENCH_MB       size of the data file (8192)
 //   QOR_BENCH_FOLDER   where it stands: a real disk with unbuffered writes (/var/tmp/qor_storage_bench)
 
+#include "bare_file.h"
+
 #include "qor/core/runtime.h"
 #include "qor/storage/storage.h"
 
@@ -14,11 +16,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -37,10 +38,11 @@ std::string setting(const char* name, const char* fallback) {
 
 struct Pages {
 	explicit Pages(long long bytes)
-	    : data(static_cast<unsigned char*>(std::aligned_alloc(4096, static_cast<size_t>(bytes)))) {
+	    : data(static_cast<unsigned char*>(::operator new(static_cast<size_t>(bytes), kPage))) {
 		std::memset(data, 0x5A, static_cast<size_t>(bytes));
 	}
-	~Pages() { std::free(data); }
+	~Pages() { ::operator delete(data, kPage); }
+	static constexpr std::align_val_t kPage{4096};
 	unsigned char* data;
 };
 
@@ -100,15 +102,13 @@ struct Bench {
 	}
 
 	double barePass() const {
-		const int file = open(path("data").c_str(), O_RDWR | O_DIRECT | O_DSYNC);
+		BareFile file(path("data"));
 		const long long end = sizeMB * kMB / kBufferBytes * kBufferBytes;
 		const double start = now();
 		for (long long position = kPiece; position < end; position += kPiece) {
-			if (pwrite(file, source.data + position % (256 * kMB), kPiece, position) != kPiece) std::abort();
+			if (!file.write(source.data + position % (256 * kMB), kPiece, position)) std::abort();
 		}
-		const double rate = static_cast<double>(end - kPiece) / (now() - start);
-		close(file);
-		return rate;
+		return static_cast<double>(end - kPiece) / (now() - start);
 	}
 
 	/// Feeds at a steady rate. @return frames refused; `fed` counts all.

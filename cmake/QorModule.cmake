@@ -32,7 +32,12 @@ function(_qor_embed_command out)
 endfunction()
 
 function(_qor_platform_name out)
-	string(TOLOWER "${CMAKE_SYSTEM_PROCESSOR}" processor)
+	set(processor "${CMAKE_SYSTEM_PROCESSOR}")
+	if(MSVC) # whose platform is chosen at the command line: CMake names the machine's processor
+		set(processor "${CMAKE_CXX_COMPILER_ARCHITECTURE_ID}${CMAKE_C_COMPILER_ARCHITECTURE_ID}")
+		string(REGEX REPLACE "^(x64|X86|ARM64).*" "\\1" processor "${processor}")
+	endif()
+	string(TOLOWER "${processor}" processor)
 	if(processor MATCHES "^(aarch64|arm64)$")
 		set(name ARM64)
 	elseif(CMAKE_SIZEOF_VOID_P EQUAL 8 AND processor MATCHES "^(x86_64|amd64|x64)$")

@@ -31,8 +31,9 @@ public:
 
 	/// Reads a file, parses it and calls `callback` for every section, as `CallBackTree` does.
 	///
-	/// Twelve letters in UTF-8 (Á É Í Ñ Ó Ú á é í ñ ó ú) become their single Latin-1 byte. Before any other
-	/// byte, and at the end, the byte 195 is dropped; all else stays as it is.
+	/// Twelve letters in UTF-8 (A, E, I, O and U with an acute accent and N with a tilde, in both
+	/// cases) become their single Latin-1 byte. Before any other byte, and at the end, the byte
+	/// 195 is dropped; all else stays as it is.
 	/// @return 0, also when parsing ended early or the walk was stopped; 0x10000000, with an
 	///         empty document, when the file cannot be opened or read to its end, is empty or is
 	///         larger than 2147483646 bytes, and without memory.

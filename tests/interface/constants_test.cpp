@@ -6,7 +6,8 @@
 
 namespace {
 
-template <class Type> void expectSame(const char* name, const Type& bound, Type value) {
+template <class Type>
+void expectSame(const char* name, const Type& bound, Type value) {
 	EXPECT_EQ(bound, value) << name;
 	EXPECT_EQ(std::max(bound, value), value) << name;
 }

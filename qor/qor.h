@@ -14,6 +14,7 @@
 #include "core/ini_file.h"
 #include "core/line_file.h"
 #include "core/line_parameters.h"
+#include "core/log_levels.h"
 #include "core/managed_object.h"
 #include "core/managed_xml.h"
 #include "core/object.h"

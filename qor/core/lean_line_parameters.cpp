@@ -9,6 +9,8 @@
 
 using namespace line_split;
 
+CstqLineParSet::CstqLineParSet() = default;
+
 CstqLineParSet::~CstqLineParSet() {
 	platform::release(mLine);
 	platform::release(mScratch);

@@ -52,6 +52,8 @@ void forEachLine(char* text, char* end, Visit visit) {
 
 } // namespace
 
+CstqLineFile::CstqLineFile() = default;
+
 CstqLineFile::~CstqLineFile() { freeText(); }
 
 unsigned long CstqLineFile::Close() {

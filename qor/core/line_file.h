@@ -6,6 +6,11 @@
 #include <cstddef>
 #include <cstdint>
 
+/// Encodings of `CstqLineFile::mEncoding`.
+inline constexpr int kQorTextEightBit = 0;
+inline constexpr int kQorTextUtf16LittleEndian = 1;
+inline constexpr int kQorTextUtf16BigEndian = 2;
+
 /// The lines of a text file or of a text in memory.
 ///
 /// A line ends at a line feed or a carriage return; CR LF and LF CR are one line end. Empty lines
@@ -17,7 +22,7 @@
 /// The text stays until `Close`, the next open or destruction. One thread at a time.
 class QOR_API CstqLineFile : public CstFile {
 public:
-	CstqLineFile() = default;
+	CstqLineFile();
 	~CstqLineFile();
 	CstqLineFile(const CstqLineFile&) = delete;
 	CstqLineFile& operator=(const CstqLineFile&) = delete;
@@ -39,7 +44,7 @@ public:
 	char* mContents = nullptr; ///< the file or text as read; owned
 	char* mText = nullptr;     ///< the eight-bit text that is split
 	std::size_t mTextLength = 0;
-	std::int32_t mEncoding = 0; ///< 0 eight-bit, 1 UTF-16 little endian, 2 UTF-16 big endian
+	std::int32_t mEncoding = 0; ///< as found: `kQorTextEightBit` ...
 	std::int32_t mLineCount = 0;
 	char** mLines = nullptr; ///< `mLineCount` lines, terminated; null without lines
 

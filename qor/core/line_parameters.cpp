@@ -22,6 +22,8 @@ const char* valueOf(const char* text, const char* name) {
 
 } // namespace
 
+CmcLineParSet::CmcLineParSet() = default;
+
 CmcLineParSet::CmcLineParSet(char separator, const char* text, int postProcessing) : mSeparator(separator) {
 	Feed(text, postProcessing, 1);
 }

@@ -5,6 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 
+/// What `Feed` is told in its last arguments.
+inline constexpr int kQorLineRaw = 0;
+inline constexpr int kQorLinePostProcess = 1; ///< the second argument
+inline constexpr int kQorLineEscapes = 1;     ///< the third argument
+
 /// One parameter of a line.
 struct emcLPS_PAR {
 	char* mText;          ///< in the set's line buffer, terminated
@@ -26,7 +31,7 @@ struct emcLPS_PAR {
 /// Texts are copied once and split in place, without an allocation a parameter.
 class QOR_API CmcLineParSet {
 public:
-	CmcLineParSet() = default;
+	CmcLineParSet();
 	/// Feeds `text` with escapes on.
 	CmcLineParSet(char separator, const char* text, int postProcessing);
 	~CmcLineParSet();
@@ -112,7 +117,7 @@ private:
 /// - Its buffers are only as large as the longest line.
 class QOR_API CstqLineParSet {
 public:
-	CstqLineParSet() = default;
+	CstqLineParSet();
 	~CstqLineParSet();
 	CstqLineParSet(const CstqLineParSet&) = delete;
 	CstqLineParSet& operator=(const CstqLineParSet&) = delete;

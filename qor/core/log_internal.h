@@ -2,6 +2,7 @@
 
 #include "../platform/file.h"
 #include "log_lines_internal.h"
+#include "runtime.h"
 
 #include <atomic>
 #include <cstddef>
@@ -14,8 +15,6 @@ namespace core {
 
 /// A composed line with its terminator; the writer's line end needs two bytes more.
 inline constexpr size_t kLogLineSize = 8192;
-inline constexpr int kMaximumLogWindows = 8;
-inline constexpr uint32_t kLogWindowMessage = 1124; // the first user message number plus 100
 
 /// The application log: from a composed line to its four receivers.
 ///
@@ -81,7 +80,7 @@ private:
 	std::shared_ptr<const std::function<bool(const char*)>> mCallback;
 	std::atomic<bool> mHasCallback{false};
 	std::atomic<int> mWindowCount{0};
-	std::atomic<HWND> mWindows[kMaximumLogWindows]{};
+	std::atomic<HWND> mWindows[kQorMaximumLogWindows]{};
 };
 
 /// The process's log. It is never destroyed: threads may log while the process ends.

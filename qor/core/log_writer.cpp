@@ -62,7 +62,7 @@ void Log::startTime(double ticksPerSecond) {
 int Log::addWindow(HWND window) {
 	int count = mWindowCount;
 	do {
-		if (count >= kMaximumLogWindows) return 0;
+		if (count >= kQorMaximumLogWindows) return 0;
 		mWindows[count] = nullptr; // a line meanwhile passes the empty place over
 	} while (!mWindowCount.compare_exchange_weak(count, count + 1));
 	mWindows[count] = window;
@@ -122,7 +122,7 @@ void Log::postToWindows(const char* line, size_t length) const {
 		void* copy = platform::allocate(length + 1);
 		if (!copy) continue;
 		std::memcpy(copy, line, length + 1);
-		if (!platform::postToWindow(window, kLogWindowMessage, copy, nullptr)) platform::release(copy);
+		if (!platform::postToWindow(window, kQorLogWindowMessage, copy, nullptr)) platform::release(copy);
 	}
 }
 

@@ -12,14 +12,19 @@ namespace {
 /// Default names given so far, to objects of every class.
 constinit std::atomic<std::uint32_t> defaultNames{0};
 
+constinit std::atomic<std::uint64_t> births{0};
+
 bool same(const char* a, const char* b) { return a && b && std::strcmp(a, b) == 0; }
 
 } // namespace
 
+std::uint64_t core::nextBirth() { return births.fetch_add(1, std::memory_order_relaxed); }
+
 Cmc::Cmc()
     : mName(nullptr), mParent(nullptr), mChildren(nullptr), mChildCount(0), mFlags(0), mWalks(nullptr), mLinks(nullptr),
       mFirstLoose(nullptr), mNextLoose(nullptr), mChainLink(nullptr), mFront(0), mRoom(0), mPlace(0), mBranches(0),
-      mListed(false), mHasAttached(false), mHasCopiedList(false), mHasOwnNames(false), mReserved() {
+      mListed(false), mHasAttached(false), mHasCopiedList(false), mHasOwnNames(false), mBirth(core::nextBirth()),
+      mReserved() {
 	Cmc::_mcSetDefaultName();
 }
 
@@ -27,7 +32,8 @@ Cmc::Cmc(const Cmc& other)
     : mName(other.mName), mParent(other.mParent), mChildren(other.mChildren), mChildCount(other.mChildCount),
       mFlags(other.mFlags), mWalks(nullptr), mLinks(nullptr), mFirstLoose(nullptr), mNextLoose(nullptr),
       mChainLink(nullptr), mFront(other.mFront), mRoom(other.mRoom), mPlace(0), mBranches(0), mListed(false),
-      mHasAttached(false), mHasCopiedList(other.mChildCount > 0), mHasOwnNames(false), mReserved() {
+      mHasAttached(false), mHasCopiedList(other.mChildCount > 0), mHasOwnNames(false), mBirth(core::nextBirth()),
+      mReserved() {
 	core::addSharedUser(mName);
 	core::addSharedUser(childBlock());
 	settleParent();

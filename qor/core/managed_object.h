@@ -2,6 +2,7 @@
 
 #include "../base/status.h"
 #include "../platform/export.h"
+#include "log_levels.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -69,14 +70,32 @@ struct eqorMC_SEQHDR {
 	    eqorMC_SEQHDR* header, Cmc* object) = nullptr; ///< a verdict for every object that passes the filters
 };
 
+/// The numbers of `Cmc`, reached as `Cmc::kMessageReport`.
+struct CmcConstants {
+	static constexpr unsigned long kClassCommandType = 1;
+	static constexpr unsigned long kClassCommandNew = 256;
+	static constexpr unsigned long kMessageUnselect = 2;
+	static constexpr unsigned long kMessageReport = 3;
+	static constexpr unsigned long kFlagFromXml = 1; ///< created or matched by XML text
+	static constexpr unsigned long kFlagBranchOpen = 2;
+	static constexpr unsigned long kFlagSelected = 4;
+	static constexpr int kXmlCreate = 0; ///< the flag of the operations that read XML
+	static constexpr int kXmlUpdate = 1;
+	static constexpr int kFindDown = 0; ///< where `_mcFindByType` and `_mcFindByNameAndType` search
+	static constexpr int kFindUp = 1;
+	static constexpr unsigned long kLastPlace = 0xFFFFFFFF; ///< of `_mcMoveChild`
+	static constexpr int kXmlMaximumLevels = 96;            ///< of elements in XML text that is written
+};
+
 /// A named, typed object in a tree; the base of every managed class.
 ///
 /// A tree belongs to one thread at a time. Only the object log (`_mclog`, `_mclogtree`) may be
 /// called from any thread.
 ///
 /// Ownership: a parent refers to its children and owns them only in the sense that `_mcDestroy`
-/// deletes them. The destructor does not touch them: they keep a reference to a parent that is
-/// gone. Whoever deletes a tree calls `_mcDestroy` (or `_mcDestroyChilds`) first.
+/// deletes them. The destructor does not delete them: they become roots. Whoever deletes a tree calls
+/// `_mcDestroy` (or `_mcDestroyChilds`) first. An object that is deleted leaves every list that has
+/// it, but for lists that are copies.
 ///
 /// A copy shares the name and the child list of its original until one of the two changes its
 /// own; the storage goes with the last one that uses it. The copy has the same parent but is not
@@ -85,8 +104,14 @@ struct eqorMC_SEQHDR {
 /// that is assigned to leaves the children of the parent it had.
 ///
 /// A tree that would contain itself cannot be built: `_mcSetParent` and `_mcAttach` refuse the
-/// object itself and its ancestors, and an assignment between an object and its ancestor changes
-/// nothing. Operations on a whole tree recurse; a few thousand levels are within every stack.
+/// object itself and every object that lists it, directly or through others, and an assignment between
+/// an object and its ancestor changes nothing. Operations on a whole tree do not recurse: deep trees
+/// cost memory, not stack.
+///
+/// Appending a child, taking the first or the last one off and finding a child by name take the same
+/// time in lists of any length. For that a list of more than 32 children keeps an index of their names,
+/// which follows `setname`; a class whose `getname` makes a name up itself is looked up one by one.
+/// What a class overrides, and the functions a host hands over, must not throw (runtime.h).
 ///
 /// A derived class overrides `gettype` and `getclassfunc` and registers itself with the class
 /// manager (class_manager.h); then it can be rebuilt from XML text:
@@ -103,16 +128,8 @@ struct eqorMC_SEQHDR {
 /// ```
 ///
 /// Virtual operations stand in a fixed order; new ones are only ever added behind the last.
-class QOR_API Cmc {
+class QOR_API Cmc : public CmcConstants {
 public:
-	static constexpr unsigned long kClassCommandType = 1;
-	static constexpr unsigned long kClassCommandNew = 256;
-	static constexpr unsigned long kMessageUnselect = 2;
-	static constexpr unsigned long kMessageReport = 3;
-	static constexpr unsigned long kFlagFromXml = 1; ///< created or matched by XML text
-	static constexpr unsigned long kFlagBranchOpen = 2;
-	static constexpr unsigned long kFlagSelected = 4;
-
 	/// Has the default name "Cmc_<n>"; `n` counts the default names of the whole process from 0.
 	Cmc();
 	Cmc(const Cmc& other);
@@ -250,8 +267,10 @@ public:
 	///
 	/// Handlers of an object run when its depth is 0 or more, so -1 leaves out the object itself. The
 	/// built-in messages 2 (clear the selected flag; `p`: a type or null) and 3 (report; `p`: an
-	/// `eqorMC_REPORT`) act before `_mcOnDispatchMsg`. A handler may remove children; it must not
-	/// delete the object that is handling the message. @return 0.
+	/// `eqorMC_REPORT`) act before `_mcOnDispatchMsg`. Handlers may change the tree and destroy objects,
+	/// their own included: a child that was there when the message came to its parent, and is there when
+	/// its turn comes, gets it once; one that joined meanwhile does not.
+	/// @return 0; 0x10000000 when there was no memory for the levels below 16: those did not get it.
 	int _mcDispatchMsg(unsigned long message, unsigned long a, unsigned long b, void* p, void* q, int depth);
 	/// Clears the selected flag of this object and all below it; `type` null: of every type. @return 0.
 	int _mcUnselectAll(const char* type);
@@ -273,9 +292,11 @@ public:
 	int _mcfillseq(eqorMC_SEQHDR* header);
 
 	/// Writes "[type] <name> : text" to the log, or "[type] : text" without a name. The text is cut
-	/// to 4,095 characters. Any thread; one text at a time for all objects.
+	/// to 4,095 characters. Any thread; no lock is held while the line is made, and delivered as
+	/// `appmsg` delivers. Control characters of a name that came with XML text stand as "\n", "\x1B" ...
 	void _mclog(const char* format, ...) const;
-	/// The same with a prefix: 1 "[BEGIN] ", 2 "[ END ] ", 3 "[ERROR] ", 4 "[WARNING] ", 5 "[OK] ".
+	/// The same with a prefix (log_levels.h): 1 "[BEGIN] ", 2 "[ END ] ", 3 "[ERROR] ", 4 "[WARNING] ",
+	/// 5 "[OK] ".
 	void _mclog(int level, const char* format, ...) const;
 	/// One log line "name (type)" for this object and each below it, four blanks a level (at most 63 levels).
 	void _mclogtree();
@@ -283,7 +304,7 @@ public:
 	/// Writes the object and all below it as XML text at the memory file's position (docs/formats/managed_xml.md).
 	/// `depth`: tabs in front, 0 to 255.
 	/// @return 0; 0x10000000 without memory file or memory, for a type that is no XML name, or for more
-	/// than 96 levels, which could not be read back; the text is then incomplete.
+	/// than 96 levels, which could not be read back and which the log tells; the text is then incomplete.
 	int _mcSaveToXML(CstMemFile* memfile, int depth);
 	int _mcSaveChildsToXML(CstMemFile* memfile, int depth);
 	/// Writes the children (not the object) into a file, replacing it. `flag` is reserved.
@@ -356,6 +377,7 @@ private:
 	bool mHasAttached;      // whether others' children are or were in the list
 	bool mHasCopiedList;    // whether the list came from another object
 	bool mHasOwnNames;      // whether a child makes its name up itself
+	std::uint64_t mBirth;   // counts objects; an address may be that of another one later
 	std::uint64_t mReserved[2];
 };
 

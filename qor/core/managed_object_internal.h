@@ -18,6 +18,9 @@ inline const char* typeOf(const Cmc& object) {
 	return base::callHost("Cmc::gettype", [&] { return object.gettype(); });
 }
 
+/// Numbers the objects of the process in the order they are made.
+std::uint64_t nextBirth();
+
 /// The names of the first children of a long list, for look-ups by name.
 ///
 /// A name that a class makes up itself cannot be followed; lists with such a child are not indexed.
@@ -101,8 +104,9 @@ struct WalkFrame {
 	Cmc* owner = nullptr;       // null when it was destroyed meanwhile
 	WalkFrame* outer = nullptr; // of the same object
 	const void* walk = nullptr;
-	Cmc** list = nullptr;  // the children as they were when `open` was called
-	void* block = nullptr; // of the list, shared with the object
+	Cmc** list = nullptr;     // the children as they were when `open` was called
+	void* block = nullptr;    // of the list, shared with the object
+	std::uint64_t opened = 0; // objects born later were not there
 	std::int32_t count = 0;
 	std::int32_t next = 0;
 	std::int32_t expected = 0;  // where the object has the next child now, if nothing changed

@@ -45,6 +45,7 @@ void ManagedWalk::open() {
 	mTop->list = mTop->owner->mChildren;
 	mTop->count = mTop->owner->mChildCount;
 	mTop->block = mTop->list - mTop->owner->mFront;
+	mTop->opened = nextBirth();
 	addSharedUser(mTop->block); // a change of the list makes the object take a copy
 }
 
@@ -57,7 +58,8 @@ Cmc* ManagedWalk::next() {
 			return child;
 		}
 		const int place = frame.owner->placeOf(child, frame.expected);
-		if (place < 0) continue; // it left, and may be gone
+		if (place < 0) continue;                    // it left, and may be gone
+		if (child->mBirth > frame.opened) continue; // another one at the same address
 		frame.expected = place + 1;
 		return child;
 	}

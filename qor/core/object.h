@@ -1,6 +1,7 @@
 #pragma once
 
 #include "../platform/export.h"
+#include "log_levels.h"
 
 #include <cstdarg>
 #include <cstdint>
@@ -95,7 +96,8 @@ public:
 	qor* getchild(int32_t index) const;
 
 	/// Writes a log line "[type:subtype] > text" ("[type] > text" without a subtype), texts
-	/// padded to 20 columns. Level 1 begin, 2 end, 3 error, 4 warning, any other none.
+	/// padded to 20 columns. Level (log_levels.h) 1 begin, 2 end, 3 error, 4 warning, any other none.
+	/// No lock is held while the line is made; it is delivered as `appmsg` delivers.
 	///
 	/// The finished line is formatted once more without arguments: "%%" in type, subtype or
 	/// formatted text becomes "%". Any other "%" stays as it is.

@@ -23,6 +23,10 @@
 /// A line is cut at 8,191 characters including its time column. Texts are in the system's
 /// ANSI code page and are never converted. Null texts count as empty.
 
+/// The message that a registered window receives for a line, and the most windows there can be.
+inline constexpr unsigned int kQorLogWindowMessage = 1124;
+inline constexpr int kQorMaximumLogWindows = 8;
+
 /// Starts the runtime from an initialisation file; the file need not exist.
 ///
 /// Section "MAIN" gives "processor_speed" (counter ticks per nanosecond, with a decimal point in
@@ -63,7 +67,7 @@ QOR_API double appGetTime();
 /// "stapp_config.cfg" after `appRawInit`.
 QOR_API char* appGetConfigFile();
 
-/// Registers a window (eight at most) for every line. It receives message 1124 with a
+/// Registers a window (eight at most) for every line. It receives message `kQorLogWindowMessage` with a
 /// heap copy of the line as first parameter, which it frees with `free`. Single windows
 /// cannot be taken off again; one that no longer exists is passed over.
 /// @return 1; 0 when the table is full.

@@ -37,6 +37,9 @@ void widen(wchar_t* out, const char* text, size_t length) {
 } // namespace
 
 CstosINIFile::CstosINIFile() : mPath() {}
+CstosINIFile::~CstosINIFile() = default;
+CstosINIFile::CstosINIFile(const CstosINIFile& other) = default;
+CstosINIFile& CstosINIFile::operator=(const CstosINIFile& other) = default;
 
 int CstosINIFile::Open(const char* path) {
 	try {

@@ -13,6 +13,9 @@ inline constexpr int kQorNoFilePath = 0x10000002;
 class QOR_API CstosINIFile {
 public:
 	CstosINIFile();
+	~CstosINIFile();
+	CstosINIFile(const CstosINIFile& other);
+	CstosINIFile& operator=(const CstosINIFile& other);
 
 	/// Remembers the path, made absolute now, so that a change of the current folder does not change
 	/// the file; it is neither opened nor looked for. A null path, and one that has 260 characters or

@@ -308,8 +308,9 @@ public:
 	int _mcSaveToXML(CstMemFile* memfile, int depth);
 	int _mcSaveChildsToXML(CstMemFile* memfile, int depth);
 	/// Writes the children (not the object) into a file, replacing it. `flag` is reserved.
-	/// @return 0; 0x10000000 as `_mcSaveToXML` (an old file is then untouched) or when the file
-	/// does not take the whole text.
+	/// The text is written beside the file and put in its place as one change.
+	/// @return 0; 0x10000000 as `_mcSaveToXML`, or when the disk does not take the whole text: an old
+	/// file is then untouched.
 	int _mcSaveToXMLFile(const char* path, int flag);
 	/// Reads XML text into this object: `flag` 0 creates every object of it; non-zero updates those
 	/// found below this object by type and name, and creates the others.

@@ -1,6 +1,5 @@
-#include "../base/file.h"
 #include "../base/mem_file.h"
-#include "../platform/file.h"
+#include "../platform/draft.h"
 #include "../platform/format.h"
 #include "managed_object_internal.h"
 #include "managed_xml.h"
@@ -116,10 +115,8 @@ int Cmc::writeChildrenXML(CstMemFile* memfile, int depth, int nesting) {
 int Cmc::_mcSaveToXMLFile(const char* path, int) {
 	CstMemFile memfile;
 	if (_mcSaveChildsToXML(&memfile, 0) != kQorSuccess) return kQorFailure;
-	CstFile file;
-	if (file.Create(path, platform::kAccessRead | platform::kAccessWrite, platform::kShareRead) != 0)
-		return kQorFailure;
 	unsigned long size = 0;
 	const void* text = memfile.GetBuffer(&size);
-	return statusOf(size == 0 || file.Write(text, size) == size);
+	platform::Draft draft; // a disk that is full keeps the old file
+	return statusOf(draft.open(path) && draft.write(text, size) && draft.commit());
 }

@@ -1,11 +1,13 @@
 #include "core_test.h"
 #include "qor/base/mem_file.h"
 #include "qor/core/class_manager.h"
+#include "qor/core/ini_file.h"
 #include "qor/core/line_file.h"
 #include "qor/core/line_parameters.h"
 #include "qor/core/object.h"
 #include "qor/platform/faults.h"
 #include "support/faulty_file_system.h"
+#include "support/refused_allocations.h"
 
 namespace {
 
@@ -124,6 +126,58 @@ TEST(OutOfMemory, LinesFailAsStated) {
 	failEachAllocation(
 	    [&](int nth) { EXPECT_EQ(CstqLineParSet().Feed(line.c_str(), 1), expected[nth - 1] + (nth == 5)); });
 	failEachAllocation([](int nth) { EXPECT_EQ(CstqLineFile().OpenFromBuffer("a", 1), nth > 2 ? 1 : kQorFailure); });
+}
+
+TEST(OutOfMemory, EveryGroupFailsAsStatedWhicheverAllocationIsRefused) {
+	const test_support::TempFolder folder;
+	const auto settings = folder.path("x.cfg"), text = folder.path("x.xml");
+	qorMCGetManager()->classAdd("Cmc", Cmc::qorMC__CLASSFUNC, nullptr);
+	test_support::refuseEach("settings", [&] {
+		CstosINIFile file;
+		char out[8];
+		file.Open(settings.c_str());
+		return file.WriteIntValue("A", "key", 1) == 1 && file.GetStringValue("A", "key", out, "", 8) == 1;
+	});
+	test_support::refuseEach("start and log", [&] {
+		appLogSetFunc([](const char*) { return true; });
+		const int started = appInit(settings.c_str());
+		qor().log("line");
+		appUinit();
+		appLogSetFunc(nullptr);
+		return started == 1;
+	});
+	test_support::refuseEach("classes", [] {
+		CqorMCManager manager;
+		const bool added = manager.classAdd("Mine", Cmc::qorMC__CLASSFUNC, nullptr) != nullptr;
+		const std::unique_ptr<Cmc> made(manager.classNew("Mine"));
+		return added && made && manager.GetRoot();
+	});
+	test_support::refuseEach("trees and their XML", [&] {
+		Cmc root, hub, copy;
+		bool whole = hub._mcAttach(&root) == 1;
+		Cmc* deepest = &root;
+		for (int i = 0; i < 35 && whole; ++i) whole = Cmc::_mcCreate(&root, "wide") != nullptr;
+		for (int i = 0; i < 20 && whole; ++i) whole = (deepest = Cmc::_mcCreate(deepest, "deep")) != nullptr;
+		whole = whole && root._mcGetChildByName("deep") && root._mcDispatchMsg(9, 0, 0, nullptr, nullptr, 0) == 0;
+		whole = whole && root._mcSaveToXMLFile(text.c_str(), 0) == 0 && copy._mcLoadFromXMLFile(text.c_str(), 1) == 0;
+		root._mcDestroy(), copy._mcDestroy();
+		return whole;
+	});
+}
+
+TEST(FullDisk, XmlKeepsTheOldFile) {
+	const test_support::TempFolder folder;
+	const auto path = folder.path("x.xml");
+	test_support::writeFile(path, "old");
+	test_support::FaultyFileSystem files;
+	Cmc root;
+	Cmc::_mcCreate(&root, "child");
+	for (const int space : {5, 1000}) {
+		files.setSpace(space);
+		EXPECT_EQ(root._mcSaveToXMLFile(path.c_str(), 0), space == 5 ? kQorFailure : 0);
+		EXPECT_EQ(test_support::readFile(path) == "old", space == 5);
+	}
+	root._mcDestroy();
 }
 
 } // namespace

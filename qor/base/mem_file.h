@@ -5,6 +5,13 @@
 #include <cstdarg>
 #include <cstdint>
 
+struct CstMemFileConstants {
+	// Origins of seeks.
+	static constexpr unsigned long kSeekBegin = 0;
+	static constexpr unsigned long kSeekCurrent = 1;
+	static constexpr unsigned long kSeekEnd = 2;
+};
+
 /// A file in memory: bytes with one read and write position.
 ///
 /// It owns a heap block, or works over a caller's buffer. The contents grow exactly as far as
@@ -14,7 +21,7 @@
 ///
 /// A seek from the start is limited by the size only, so a negative offset gives a position
 /// below 0, reported in 32 bits (-5 is 0xFFFFFFFB). Nothing is read or written there.
-class QOR_API CstMemFile {
+class QOR_API CstMemFile : public CstMemFileConstants {
 public:
 	CstMemFile();
 	~CstMemFile();
@@ -37,8 +44,8 @@ public:
 	/// Frees owned contents and leaves the file empty. @return 0.
 	int Close();
 
-	/// @param origin 0 start, 1 current position, 2 end; any other leaves the position.
-	/// The result of origins 1 and 2 is kept within 0 to size.
+	/// @param origin one of `kSeek...`; any other leaves the position.
+	/// Where `kSeekCurrent` and `kSeekEnd` lead is kept within 0 to size.
 	/// @return the new position.
 	unsigned long Seek(long offset, unsigned long origin);
 

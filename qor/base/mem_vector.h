@@ -76,8 +76,16 @@ QOR_API void* stMemAlloc(size_t size);
 /// Null does nothing.
 QOR_API void stMemFree(void* block);
 
-/// Virtual memory of the system, with the numbers of its Windows contract: commit 0x1000,
-/// reserve 0x2000, decommit 0x4000, release 0x8000; no access 1, read 2, read and write 4.
+// The numbers of `stVirtualAlloc` and `stVirtualFree`.
+inline constexpr unsigned long kVirtualCommit = 0x1000;
+inline constexpr unsigned long kVirtualReserve = 0x2000;
+inline constexpr unsigned long kVirtualDecommit = 0x4000;
+inline constexpr unsigned long kVirtualRelease = 0x8000;
+inline constexpr unsigned long kVirtualNoAccess = 1;
+inline constexpr unsigned long kVirtualRead = 2;
+inline constexpr unsigned long kVirtualReadWrite = 4;
+
+/// Virtual memory of the system.
 /// @return null when the system refuses.
 QOR_API void* stVirtualAlloc(size_t size, void* address, unsigned long allocationType, unsigned long protection);
 /// @return 1; 0 when the system refuses.

@@ -219,8 +219,8 @@ bool Cqor_MsgQueue::appendLocked(eqor_QUEUE_ITEM* item) {
 	return true;
 }
 
-/// Takes the entry at the front of the ring, which is there; the lines of the one that comes in
-/// a few turns are asked for. Needs the lock, or to be alone (see `takeAlone`).
+/// Takes the entry at the front of the ring, which is there. Needs the lock, or to be alone (see
+/// `takeAlone`).
 eqor_QUEUE_ITEM* Cqor_MsgQueue::oldestPending() {
 	auto& m = QueueMachinery::of(*this);
 	eqor_QUEUE_ITEM* item = mPending[m.firstPlace];

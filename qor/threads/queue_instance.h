@@ -139,7 +139,8 @@ private:
 	Cqor_MQCallBack mCallback = nullptr;
 
 public:
-	/// The owner's, for its static callback (`worker->mInstance->mOwner`); not used here.
+	/// The owner's, for its static callback (`worker->mInstance->mOwner`); not used here. To be set before
+	/// the workers start.
 	void* mOwner = nullptr;
 	/// The multi-queue instance this one is part of; null for a stand-alone instance.
 	Cqor_MultiMQInstance* mMultiOwner = nullptr;

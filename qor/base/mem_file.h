@@ -16,8 +16,9 @@ struct CstMemFileConstants {
 ///
 /// It owns a heap block, or works over a caller's buffer. The contents grow exactly as far as
 /// writes reach; the owned block behind them may be larger by as much again (from 16 MiB on:
-/// by half), a caller's buffer never is. All sizes and positions are 32-bit; growth past 2147483647 bytes is refused. A
-/// failed call leaves contents and position as they were. One thread at a time.
+/// by half), a caller's buffer never is. All sizes and positions are 32-bit; growth past
+/// 2147483647 bytes is refused. A failed call leaves contents and position as they were. One
+/// thread at a time.
 ///
 /// A seek from the start is limited by the size only, so a negative offset gives a position
 /// below 0, reported in 32 bits (-5 is 0xFFFFFFFB). Nothing is read or written there.

@@ -51,11 +51,12 @@ constexpr Step scripts[][4] = {
 };
 
 CstFile* file;
-unsigned long awaited;
-Operation awaiting;
+std::atomic<unsigned long> awaited;
+std::atomic<Operation> awaiting; // the writer's thread may come for it
 
 unsigned long onCode(CstFile*, unsigned long code, unsigned long, unsigned long, void*) {
-	if (code == awaited && awaiting) std::exchange(awaiting, nullptr)(file);
+	const auto operation = code == awaited ? awaiting.exchange(nullptr) : nullptr;
+	if (operation) operation(file);
 	return 0;
 }
 

@@ -17,10 +17,10 @@ std::atomic<int> calls, done;
 /// What a callback does, once, to the object that calls it.
 template <class Object>
 struct Once {
-	static inline void (*operation)(Object* object);
+	static inline std::atomic<void (*)(Object* object)> operation;
 	static void call(Object* object) {
 		++calls;
-		if (const auto now = std::exchange(operation, nullptr)) now(object), ++done;
+		if (const auto now = operation.exchange(nullptr)) now(object), ++done;
 	}
 };
 
@@ -83,7 +83,7 @@ TEST(CallBacks, TimerMayBeUsedOnItsThreadAndInSignal) {
 			    operation,
 			    [called] {
 				    auto* timer = new CmcUtilTimer;
-				    const auto now = called ? std::exchange(Once<CmcUtilTimer>::operation, nullptr) : nullptr;
+				    const auto now = called ? Once<CmcUtilTimer>::operation.exchange(nullptr) : nullptr;
 				    EXPECT_EQ(timer->Create(100, onTimer), 0);
 				    if (!called) return timer;
 				    eventually([] { return calls == 1; });

@@ -79,6 +79,7 @@ int main(int argc, char** argv) {
 		command->add_option("--first", options.first, "first frame")->check(CLI::NonNegativeNumber);
 		command->add_option("--count", options.count, "number of frames")->check(CLI::NonNegativeNumber);
 	}
+	auto* repairing = addPlayCommand(app, "repair", "rebuild damaged index records from the frames' places", options);
 	auto* resetting = addPlayCommand(app, "reset", "forget all sessions of a recording", options);
 	try {
 		app.parse(argc, argv);
@@ -91,6 +92,7 @@ int main(int argc, char** argv) {
 	if (*listSessions) result = sessions(options);
 	if (*playing) result = play(options);
 	if (*verifying) result = verify(options);
+	if (*repairing) result = repair(options);
 	if (*resetting) result = reset(options);
 	appUinit();
 	return result;

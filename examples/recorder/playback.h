@@ -26,3 +26,7 @@ int sessions(const PlayOptions& options);
 
 /// Forgets all sessions, so that the whole storage is free again.
 int reset(const PlayOptions& options);
+
+/// Rebuilds index records that a drive destroyed, and says what it did. Sessions whose place is
+/// in doubt are left alone. @return `kExitFramesBad` when damaged records are left.
+int repair(const PlayOptions& options);

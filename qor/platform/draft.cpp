@@ -22,13 +22,21 @@ constexpr int kNames = 8;            // tried before giving up: somebody has the
 constexpr size_t kLongestStem = 200; // a draft's name fits where its target's does
 constexpr size_t kPiece = 1 << 20;
 
-/// Throws without a source of chance.
+constexpr char kExtension[] = ".draft";
+constexpr size_t kDigits = 16;
+
 std::string draftName(const std::string& target) {
-	std::random_device chance;
-	char tail[32];
-	formatText(tail, sizeof tail, ".%08x%08x.draft", chance(), chance());
 	const size_t folder = static_cast<size_t>(fileNamePart(target.c_str()) - target.c_str());
-	return target.substr(0, std::min(target.size(), folder + kLongestStem)) + tail;
+	const std::string stem = target.substr(0, std::min(target.size(), folder + kLongestStem));
+	return stem + '.' + std::string(kDigits, '0') + kExtension;
+}
+
+/// Gives the name digits that nobody can foresee. Throws without a source of chance.
+void drawDigits(std::string* name) {
+	std::random_device chance;
+	char digits[kDigits + 1];
+	formatText(digits, sizeof digits, "%08x%08x", chance(), chance());
+	name->replace(name->size() - (sizeof kExtension - 1) - kDigits, kDigits, digits, kDigits);
 }
 
 /// Keeps the error of what failed from that of tidying up.
@@ -55,26 +63,48 @@ bool copyAll(File& from, Draft& to) {
 
 } // namespace
 
-bool Draft::open(const char* path, uint32_t flags) {
-	discard();
-	FileOpen how{Disposition::createNew, kAccessRead | kAccessWrite, kShareNone, flags};
-	how.isPrivate = true;
+bool Draft::open(const char* path, uint32_t flags) { return prepare(path) && begin(flags); }
+
+bool Draft::prepare(const char* path) {
+	forget();
 	try {
 		std::string target = draftTarget(path);
 		if (target.empty()) return false;
-		for (int i = 0; i < kNames && !mFile; ++i) {
-			std::string name = draftName(target);
-			mFile = fileSystem().open(name.c_str(), how);
-			if (mFile) mName = std::move(name);
-			if (!mFile && lastError() != kFileExists) return false;
-		}
-		mFiles = &fileSystem();
+		mName = draftName(target);
 		mTarget = std::move(target);
 	} catch (const std::exception&) {
 		setLastError(kOutOfMemory);
 		return false;
 	}
+	return true;
+}
+
+bool Draft::begin(uint32_t flags) {
+	discard();
+	if (!isPrepared()) {
+		setLastError(kInvalidHandle);
+		return false;
+	}
+	FileOpen how{Disposition::createNew, kAccessRead | kAccessWrite, kShareNone, flags};
+	how.isPrivate = true;
+	mFiles = &fileSystem();
+	try {
+		for (int i = 0; i < kNames && !mFile; ++i) {
+			drawDigits(&mName);
+			mFile = mFiles->open(mName.c_str(), how);
+			if (!mFile && lastError() != kFileExists) return false;
+		}
+	} catch (const std::exception&) {
+		setLastError(kOutOfMemory);
+		return false;
+	}
 	return mFile != nullptr;
+}
+
+void Draft::forget() {
+	discard();
+	mTarget.clear();
+	mName.clear();
 }
 
 bool Draft::write(const void* data, size_t size) {

@@ -37,6 +37,13 @@ public:
 	/// begun before is discarded.
 	/// @param flags as in `FileOpen`. @return false with `lastError()`.
 	bool open(const char* path, uint32_t flags = kAttributeNormal);
+	/// The two halves of `open`, for a file that is replaced often: once the target is found,
+	/// each draft for it is begun without memory for more than the open file.
+	bool prepare(const char* path);
+	bool isPrepared() const { return !mTarget.empty(); }
+	bool begin(uint32_t flags = kAttributeNormal);
+	/// Discards what was begun, and forgets the target.
+	void forget();
 	/// Between `open` and `commit` only.
 	File& file() { return *mFile; }
 	/// Appends all of `data`. @return false with `lastError()`.
@@ -55,7 +62,7 @@ private:
 	FileSystem* mFiles = nullptr;
 	std::unique_ptr<File> mFile;
 	std::string mTarget;
-	std::string mName;
+	std::string mName; // its last digits change with each draft
 };
 
 /// Makes a durable copy of a file under a name that nothing has yet, with the owner, group

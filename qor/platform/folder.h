@@ -33,6 +33,11 @@ bool listFiles(const char* folder, const char* extension, bool recursive, size_t
 /// Makes a folder with all folders above it. @return true also when it was there.
 bool makeFolders(const char* folder);
 
+/// Hands the entries of a file and of all folders above it to the medium, as far as they may
+/// be opened: a file of a folder that was just made is gone with the folder when the power
+/// goes. Windows keeps folders safe by itself.
+void flushFolders(const char* path);
+
 /// The absolute form of a path; empty on failure.
 std::string fullPath(const char* path);
 

@@ -48,19 +48,34 @@ bool BufferWriter::start() {
 
 void BufferWriter::stop() {
 	if (!mThread) return;
-	waitUntilAllFree();
+	waitUntilWritten();
 	{
 		const std::lock_guard guard(mWrittenMutex);
 		mStopping = true;
 	}
-	mWrittenChanged.notify_all();
+	mWorkChanged.notify_all();
 	platform::wait(mThread.get(), platform::kInfinite);
 	mThread.reset();
 }
 
-void BufferWriter::waitUntilFree(const std::atomic<int>& onTheirWay) {
+/// `condition` is looked at under the written mutex. Kept buffers are not waited for in vain:
+/// the list thread is told that somebody waits.
+template <typename Condition>
+void BufferWriter::waitFor(Condition condition) {
 	std::unique_lock guard(mWrittenMutex);
-	mReleased.wait(guard, [&onTheirWay] { return onTheirWay.load() == 0; });
+	++mWaiters;
+	mWorkChanged.notify_all();
+	mReleasedChanged.wait(guard, condition);
+	--mWaiters;
+}
+
+void BufferWriter::waitUntilWritten() {
+	const unsigned long long posted = mPosted;
+	waitFor([this, posted] { return mReleased >= posted; });
+}
+
+void BufferWriter::waitUntilFree(const std::atomic<int>& onTheirWay) {
+	waitFor([&onTheirWay] { return onTheirWay.load() == 0; });
 }
 
 // ---- into the queue
@@ -68,10 +83,10 @@ void BufferWriter::waitUntilFree(const std::atomic<int>& onTheirWay) {
 void BufferWriter::post(emsSTORAGE_BUFFER* buffer) {
 	buffer->mPosted = true;
 	++buffer->mSession->mParts->mOnTheirWay;
-	++mOnTheirWay;
 	{
 		const std::lock_guard guard(mWaitingMutex);
 		mWaiting.append(buffer);
+		++mPosted;
 	}
 	postWaiting();
 }
@@ -105,10 +120,11 @@ void BufferWriter::write(emsSTORAGE_BUFFER* buffer) {
 		const std::lock_guard guard(mWrittenMutex);
 		mWritten.append(buffer);
 	}
-	mWrittenChanged.notify_one();
+	mWorkChanged.notify_one();
 }
 
 bool BufferWriter::writeIndexRecords(emsSTORAGE_BUFFER& buffer) {
+	buffer.mFailedFlushes = mFailedFlushes;
 	if (mStorage.mIndexList.WriteRecords(buffer.mFirstIndex, buffer.mIndex, buffer.mFramesUsed) == kQorSuccess)
 		return true;
 	reportIndexFailure(buffer);
@@ -175,9 +191,9 @@ unsigned BufferWriter::listThread(void* writer) {
 void BufferWriter::commitUntilStopped() {
 	std::unique_lock guard(mWrittenMutex);
 	for (;;) {
-		mWrittenChanged.wait(guard, [this] { return mWritten.mFirst || mStopping; });
+		mWorkChanged.wait(guard, [this] { return mWritten.mFirst || mStopping || (mWaiters > 0 && mKept.mFirst); });
 		const BufferChain batch = std::exchange(mWritten, BufferChain());
-		if (!batch.mFirst) return;
+		if (!batch.mFirst && !mKept.mFirst) return;
 		guard.unlock();
 		commit(batch);
 		guard.lock();
@@ -186,7 +202,7 @@ void BufferWriter::commitUntilStopped() {
 
 void BufferWriter::commit(BufferChain batch) {
 	const bool stored = storeIndexRecords(batch);
-	bool anyFrames = false;
+	bool anyFrames = !batch.mFirst; // without a batch it is about the kept ones
 	for (emsSTORAGE_BUFFER* buffer = batch.mFirst; buffer; buffer = buffer->mNext) {
 		if (buffer->mFramesUsed == 0) continue;
 		anyFrames = true;
@@ -194,37 +210,61 @@ void BufferWriter::commit(BufferChain batch) {
 		const auto more = static_cast<unsigned long long>(buffer->mFramesUsed - buffer->mFramesLost);
 		buffer->mSession->mParts->count(&LiveCounters::mLostFrames, more);
 	}
-	if (anyFrames) mStorage.mSessionList.Save();
-	while (emsSTORAGE_BUFFER* buffer = batch.takeFirst()) release(buffer);
+	settle(batch, !anyFrames || mStorage.mSessionList.Save() == kQorSuccess);
 }
 
-/// Hands the batch's index records to the medium, with one second chance for what failed: a
-/// failed flush may have dropped any of them.
+/// Hands the index records to the medium, with one second chance for what failed.
 bool BufferWriter::storeIndexRecords(const BufferChain& batch) {
+	if (!batch.mFirst) return true;
 	bool flushed = false;
 	for (int attempt = 0; attempt < 2 && !flushed; ++attempt) {
 		for (emsSTORAGE_BUFFER* buffer = batch.mFirst; buffer; buffer = buffer->mNext) {
-			if (buffer->mFramesUsed > 0 && (attempt > 0 || !buffer->mIndexWritten)) {
-				buffer->mIndexWritten = writeIndexRecords(*buffer);
-			}
+			const bool lost = !buffer->mIndexWritten || buffer->mFailedFlushes != mFailedFlushes;
+			if (buffer->mFramesUsed > 0 && lost) buffer->mIndexWritten = writeIndexRecords(*buffer);
 		}
 		flushed = mStorage.mIndexList.Flush() == kQorSuccess;
-		if (!flushed) reportIndexFailure(*batch.mFirst);
+		if (flushed) break;
+		++mFailedFlushes;
+		reportIndexFailure(*batch.mFirst);
 	}
 	return flushed;
 }
 
-/// The session may be gone as soon as its last buffer is free, and with it the buffer.
+/// Frees the batch and what was kept, or keeps both while nobody needs them.
+void BufferWriter::settle(BufferChain batch, bool saved) {
+	const std::lock_guard guard(mWrittenMutex);
+	while (emsSTORAGE_BUFFER* buffer = batch.takeFirst()) mKept.append(buffer);
+	if (!saved && mWaiters == 0 && !mStopping) return;
+	while (emsSTORAGE_BUFFER* buffer = mKept.takeFirst()) release(buffer);
+}
+
+bool BufferWriter::releaseKept(const CmsSession* session) {
+	const std::lock_guard guard(mWrittenMutex);
+	BufferChain others;
+	emsSTORAGE_BUFFER* found = nullptr;
+	while (emsSTORAGE_BUFFER* buffer = mKept.takeFirst()) {
+		if (!found && buffer->mSession == session) {
+			found = buffer;
+		} else {
+			others.append(buffer);
+		}
+	}
+	mKept = others;
+	if (found) release(found);
+	return found != nullptr;
+}
+
+/// Under the written mutex. The session may be gone as soon as its last buffer is free and the
+/// mutex is left, and with it the buffer.
 void BufferWriter::release(emsSTORAGE_BUFFER* buffer) {
 	CmsSession* session = buffer->mSession;
 	const bool posted = std::exchange(buffer->mPosted, false);
 	buffer->mFramesUsed = 0;
-	const std::lock_guard guard(mWrittenMutex);
 	buffer->mState = emsBUFFER_FREE;
 	if (!posted) return; // came past the queue, from a caller of the callback
 	--session->mParts->mOnTheirWay;
-	--mOnTheirWay;
-	mReleased.notify_all();
+	++mReleased;
+	mReleasedChanged.notify_all();
 }
 
 } // namespace storage_parts

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <mutex>
 
+class CmsSession;
 class CmsStorage;
 class Cqor_MQInstance;
 struct emsSTORAGE_BUFFER;
@@ -32,9 +33,17 @@ struct BufferChain {
 /// saved: what gathers in the written chain meanwhile is committed together. A buffer stays
 /// "being written" until a saved list counts its frames, so the order that a crash may
 /// rely on holds: frames and index records first, then the list, then the buffer is reused.
+/// Where the list cannot be saved, buffers are kept until it can, until their session has no
+/// other buffer left, or until somebody waits and one more save has failed.
+///
+/// A flush of the index file that fails may have lost any record that was written since the
+/// last good one, also those of buffers behind the one that is committed. Each buffer knows
+/// how many flushes had failed when its records were written: when more have failed since,
+/// they are written again before the next flush.
 ///
 /// Locks: the waiting mutex is taken inside the session mutex; the queue's own inside it.
-/// The written mutex is taken alone. None is held over a transfer.
+/// The written mutex may be taken inside the session mutex; nothing is taken inside it. None
+/// is held over a transfer.
 class BufferWriter {
 public:
 	BufferWriter(CmsStorage& storage, Cqor_MQInstance& queue) : mStorage(storage), mQueue(queue) {}
@@ -55,10 +64,13 @@ public:
 	/// Fills free places of the queue from the chain.
 	void postWaiting();
 
-	/// Returns when every buffer that was posted is free again.
-	void waitUntilAllFree() { waitUntilFree(mOnTheirWay); }
-	/// Returns when `onTheirWay` (a session's, or all) is 0.
+	/// Returns when every buffer that was posted until now is free again, however many follow.
+	void waitUntilWritten();
+	/// The same for all buffers of a session, which posts no more.
 	void waitUntilFree(const std::atomic<int>& onTheirWay);
+	/// Frees the oldest buffer that is kept for this session because of an unsaved list.
+	/// @return whether there was one.
+	bool releaseKept(const CmsSession* session);
 
 private:
 	static unsigned listThread(void* writer);
@@ -70,6 +82,9 @@ private:
 	long long writeFrames(emsSTORAGE_BUFFER& buffer);
 	long long moveToTarget(emsSTORAGE_BUFFER& buffer, long long bytes);
 	void markLostFrames(emsSTORAGE_BUFFER& buffer, long long bytesMoved);
+	template <typename Condition>
+	void waitFor(Condition condition);
+	void settle(BufferChain batch, bool saved);
 	void release(emsSTORAGE_BUFFER* buffer);
 
 	CmsStorage& mStorage;
@@ -77,13 +92,17 @@ private:
 
 	std::mutex mWaitingMutex; // mWaiting
 	BufferChain mWaiting;     // posted, no place in the queue yet
+	std::atomic<unsigned long long> mPosted{0};
 
-	std::mutex mWrittenMutex; // mWritten, mStopping; releases are told under it
+	std::mutex mWrittenMutex; // all up to mStopping
 	BufferChain mWritten;     // on the target, not yet in the saved list
+	BufferChain mKept;        // the same, and the list could not be saved
+	unsigned long long mReleased = 0;
+	int mWaiters = 0;
 	bool mStopping = false;
-	std::condition_variable mWrittenChanged;
-	std::condition_variable mReleased;
-	std::atomic<int> mOnTheirWay{0};
+	std::condition_variable mWorkChanged; // for the list thread
+	std::condition_variable mReleasedChanged;
+	std::atomic<unsigned> mFailedFlushes{0};
 	base::OwnedHandle mThread;
 };
 

@@ -44,6 +44,8 @@ CqorDiskUtil_DrivePartition::CqorDiskUtil_DrivePartition()
 	settype("CqorDiskUtil_DrivePartition");
 }
 
+CqorDiskUtil_DrivePartition::~CqorDiskUtil_DrivePartition() = default;
+
 int CqorDiskUtil_DrivePartition::utilGetST_PD_ID(char* out) const {
 	constexpr size_t kNameSize = 48; // two numbers of ten digits fit
 	if (!out || !mDrive) return kQorFailure;

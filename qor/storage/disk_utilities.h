@@ -22,6 +22,7 @@ inline constexpr int kMaximumDisks = 32;
 class QOR_API CqorDiskUtil_DrivePartition final : public qor {
 public:
 	CqorDiskUtil_DrivePartition();
+	~CqorDiskUtil_DrivePartition();
 
 	/// Writes the partition's stream device name "strd:physicaldisk:<disk>:<partition>".
 	/// @param out receives at most 48 characters with the terminator.

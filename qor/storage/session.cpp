@@ -89,6 +89,7 @@ int CmsSession::Feed(const void* frame) {
 		return kQorFailure;
 	}
 	if (!mCurrentBuffer) mCurrentBuffer = GetFreeBuffer();
+	if (!mCurrentBuffer && mParts->takeKeptBuffer()) mCurrentBuffer = GetFreeBuffer();
 	if (!mCurrentBuffer) {
 		guard.unlock();
 		mParts->count(&LiveCounters::mOverflowFrames, 1);
@@ -122,6 +123,7 @@ int CmsSession::StopRecord() {
 	platform::sleepMs(kStopPauseMs);
 	if (mParts) mParts->flushCurrentBuffer();
 	if (mStorage) mStorage->WaitUntilWritten();
+	if (mParts) mParts->waitForOwnBuffers();
 	// A list that could not be saved with the last buffer gets another chance.
 	if (mList && mList->IsUnsaved()) mList->Save();
 	return kQorSuccess;

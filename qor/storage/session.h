@@ -102,9 +102,10 @@ struct emsSTORAGE_BUFFER {
 
 	// The storage's, while queued or being written.
 	emsSTORAGE_BUFFER* mNext = nullptr;
-	bool mPosted = false;       // counted as on its way
-	bool mIndexWritten = false; // the index records reached the file
-	int mFramesLost = 0;        // at the end of the buffer
+	bool mPosted = false;        // counted as on its way
+	bool mIndexWritten = false;  // the index records reached the file
+	int mFramesLost = 0;         // at the end of the buffer
+	unsigned mFailedFlushes = 0; // how many there had been when the index records were written
 };
 
 /// Bits of a session's state word.
@@ -138,7 +139,9 @@ public:
 	void Destroy();
 
 	/// Makes the buffers, all memory touched so that `Feed` meets no page fault. Former
-	/// buffers are written and freed first.
+	/// buffers are written and freed first. From here to the end of `StopRecord` the storage
+	/// takes no memory any more, but for the file that a saved list is written to: a save
+	/// that is refused it is tried again.
 	/// @return 0; 0x10000000 when either number is below 2, the record has no frame size, one
 	/// above `kMaximumFrameSize` or an aligned size that is not the rounded-up one, or less than two buffers could be
 	/// made (then none is left).
@@ -177,7 +180,8 @@ public:
 	/// logged. @return 0.
 	int PrepareToRecord();
 	/// Clears the recording bit, queues the frames left in the current buffer and waits until
-	/// the storage has written everything, session list included. @return 0.
+	/// the storage has written all that was queued until then, session list included; other
+	/// sessions may go on meanwhile. @return 0.
 	int StopRecord();
 
 	/// @return 0.

@@ -6,6 +6,7 @@
 #include "../platform/memory.h"
 #include "session.h"
 #include "session_internal.h"
+#include "session_list_internal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -68,7 +69,8 @@ int CmsSession::AllocResources(int bufferCount, int framesPerBuffer) {
 	for (int i = 0; i < bufferCount; ++i) {
 		if (!CreateBuffer(framesPerBuffer)) break;
 	}
-	if (mBuffer.Count() >= kFewest) return kQorSuccess;
+	const auto list = mList ? mList->mParts : nullptr;
+	if (mBuffer.Count() >= kFewest && (!list || list->prepareToSave())) return kQorSuccess;
 	FreeResources();
 	return kQorFailure;
 }

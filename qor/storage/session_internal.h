@@ -37,6 +37,8 @@ struct SessionParts {
 	void queueCurrentBuffer();
 	/// Queues the frames left in the current buffer. Any thread.
 	void flushCurrentBuffer();
+	/// Frees a buffer that waits for a list that can be saved. @return whether there was one.
+	bool takeKeptBuffer();
 	/// Any thread, without the session mutex.
 	void waitForOwnBuffers();
 	int readFrame(void* buffer, const emsSTORAGE_SESSION& record, long long frameNumber, unsigned int* frameBytes);

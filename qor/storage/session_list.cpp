@@ -1,6 +1,7 @@
 #include "session_list.h"
 
 #include "../base/status.h"
+#include "../platform/folder.h"
 #include "../platform/machine.h"
 #include "session_internal.h"
 #include "session_list_internal.h"
@@ -47,6 +48,7 @@ int CmsSessionList::Open(const char* path) {
 			mParts->forgetFile();
 			return kQorFailure;
 		}
+		platform::flushFolders(mParts->mPath.c_str());
 	}
 	return Load();
 }

@@ -36,6 +36,7 @@ bool SessionListParts::setPath(const char* path) {
 void SessionListParts::forgetFile() {
 	const std::lock_guard guard(mListMutex);
 	mPath.clear();
+	mDraft.forget();
 	mRead = false;
 	mRemovedEnd = mRemovedIndex = 0;
 	mOwesRemoval = false;
@@ -184,7 +185,9 @@ bool SessionListParts::save() {
 		return false;
 	}
 	unsigned removals = 0;
-	const bool saved = snapshot(&removals) && writeFile();
+	StorageParts* storage = mList.mStorage ? mList.mStorage->mParts : nullptr;
+	// Frames first: what the list counts is on the medium.
+	const bool saved = snapshot(&removals) && (!storage || storage->flushTarget()) && writeFile();
 	mUnsaved = !saved;
 	if (saved) {
 		removalSaved(removals);
@@ -218,12 +221,27 @@ bool SessionListParts::snapshot(unsigned* removals) {
 	return true;
 }
 
+bool SessionListParts::prepareToSave() {
+	const std::lock_guard guard(mFileMutex);
+	if (!hasPath() || !mRead) return true; // nothing will be saved
+	try {
+		mBytes.reserve(kCountSize + static_cast<size_t>(count()) * kRecordSize + mTail.size());
+	} catch (const std::exception&) {
+		return false;
+	}
+	return mDraft.isPrepared() || mDraft.prepare(mPath.c_str());
+}
+
 bool SessionListParts::writeFile() {
 	if (mDamaged && !keepDamagedFile()) return false;
-	platform::Draft draft;
-	if (!draft.open(mPath.c_str()) || !draft.write(mBytes.data(), mBytes.size()) || !draft.commit()) return false;
-	mDamaged = false;
-	return true;
+	if (!mDraft.isPrepared() && !mDraft.prepare(mPath.c_str())) return false;
+	if (!mDraft.begin()) return false;
+	if (mDraft.write(mBytes.data(), mBytes.size()) && mDraft.commit()) {
+		mDamaged = false;
+		return true;
+	}
+	mDraft.discard();
+	return false;
 }
 
 /// Somebody may want to look what can be saved from it.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "../base/linear_array.h"
+#include "../platform/draft.h"
 #include "session_claim_internal.h"
 #include "session_list.h"
 
@@ -38,6 +39,9 @@ public:
 	/// Replaces the sessions by those of the file. @return false when anything is not as it was written.
 	bool load();
 	bool save();
+	/// Takes the memory that saves need, so that those while recording need none.
+	/// @return false without memory, and for a file that may not be replaced.
+	bool prepareToSave();
 
 	/// Holds the sessions that were loaded against a target that has become known, and against
 	/// what the index file says of their places.
@@ -80,9 +84,10 @@ private:
 	unsigned mRemovals = 0; // how often sessions were removed
 	std::atomic<bool> mOwesRemoval{false};
 
-	std::mutex mFileMutex; // one save at a time; mListMutex is taken inside it
-	std::string mBytes;    // what is saved, kept between saves; under mFileMutex
-	bool mDamaged = false; // a copy of the file is kept before it is replaced; under mFileMutex
+	std::mutex mFileMutex;  // one save at a time; mListMutex is taken inside it
+	std::string mBytes;     // what is saved, kept between saves; under mFileMutex
+	platform::Draft mDraft; // prepared for the path; under mFileMutex
+	bool mDamaged = false;  // a copy of the file is kept before it is replaced; under mFileMutex
 	std::atomic<unsigned long long> mFailedSaves{0};
 	std::atomic<bool> mUnsaved{false};
 

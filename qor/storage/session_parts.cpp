@@ -92,6 +92,11 @@ void SessionParts::flushCurrentBuffer() {
 	if (mOwner.mCurrentBuffer && StorageParts::writerOf(mOwner.mStorage)) queueCurrentBuffer();
 }
 
+bool SessionParts::takeKeptBuffer() {
+	BufferWriter* writer = StorageParts::writerOf(mOwner.mStorage);
+	return writer && writer->releaseKept(&mOwner);
+}
+
 void SessionParts::waitForOwnBuffers() {
 	if (BufferWriter* writer = StorageParts::writerOf(mOwner.mStorage)) writer->waitUntilFree(mOnTheirWay);
 }

@@ -135,6 +135,7 @@ long long CmsStorage::driveWrite(const void* buffer, long long size, emsSTORAGE_
 	if (!buffer || size <= 0 || !mParts) return 0;
 	const auto* data = static_cast<const unsigned char*>(buffer);
 	const bool direct = isAligned(buffer);
+	mParts->mUnflushed = true;
 	return mParts->moveInPieces(size, progress, [&](long long offset, uint32_t piece) -> uint32_t {
 		if (direct) return mParts->mDrive->write(data + offset, piece);
 		unsigned char* pages = mParts->bouncePages();
@@ -174,7 +175,7 @@ int CmsStorage::MQInst_CB(Cqor_MQWorker*, eqor_QUEUE_ITEM* item, int flag) {
 }
 
 void CmsStorage::WaitUntilWritten() {
-	if (auto* writer = StorageParts::writerOf(this)) writer->waitUntilAllFree();
+	if (auto* writer = StorageParts::writerOf(this)) writer->waitUntilWritten();
 }
 
 void StorageParts::addRate(double rate) {

@@ -24,6 +24,8 @@ struct StorageParts {
 		return storage && storage->mParts ? storage->mParts->mWriter.get() : nullptr;
 	}
 
+	/// Both handles, or none.
+	void openTarget(const char* path);
 	void openDrive(const char* path);
 	void openDataFile(const char* path, int sizeMB);
 	bool createDataFile(const char* path, int sizeMB);
@@ -31,6 +33,9 @@ struct StorageParts {
 	bool extendDataFile(const char* path, long long from, long long wanted);
 	void measureDataFile(const char* path, long long wanted);
 	void closeTarget();
+	/// Hands what was written to the target to its medium: not every drive does that with
+	/// each write, whatever it was opened with. Holds up no transfer.
+	bool flushTarget();
 
 	bool startWorker();
 	void stopWorker();
@@ -43,10 +48,12 @@ struct StorageParts {
 	void addRate(double rate);
 
 	CmsStorage& mOwner;
-	std::unique_ptr<platform::File> mDrive; // the data target; under the drive mutex
-	long long mTotalSize = 0;               // bytes
-	long long mTargetBytes = 0;             // at least the total size
-	long long mHeldBytes = 0;               // of these, what was there before Create; frames stand nowhere else
+	std::unique_ptr<platform::File> mDrive;      // the data target; under the drive mutex
+	std::unique_ptr<platform::File> mFlushDrive; // the same, opened once more, for `flushTarget` alone
+	std::atomic<bool> mUnflushed{false};
+	long long mTotalSize = 0;   // bytes
+	long long mTargetBytes = 0; // at least the total size
+	long long mHeldBytes = 0;   // of these, what was there before Create; frames stand nowhere else
 	long long mCylinders = 0;
 	unsigned int mTracksPerCylinder = 0;
 	unsigned int mSectorsPerTrack = 0;

@@ -45,12 +45,27 @@ void StorageParts::stopWorker() {
 
 void StorageParts::closeTarget() {
 	mDrive.reset();
+	mFlushDrive.reset();
+	mUnflushed = false;
 	mTotalSize = mTargetBytes = mHeldBytes = mCylinders = 0;
 	mTracksPerCylinder = mSectorsPerTrack = mBytesPerSector = 0;
 }
 
-void StorageParts::openDrive(const char* path) {
+void StorageParts::openTarget(const char* path) {
 	mDrive = openRaw(path, kReadWrite);
+	if (mDrive) mFlushDrive = openRaw(path, kReadWrite);
+	if (!mFlushDrive) mDrive.reset();
+}
+
+bool StorageParts::flushTarget() {
+	if (!mFlushDrive || !mUnflushed.exchange(false)) return true;
+	if (mFlushDrive->flush()) return true;
+	mUnflushed = true;
+	return false;
+}
+
+void StorageParts::openDrive(const char* path) {
+	openTarget(path);
 	if (!mDrive) {
 		appmsg("[ERROR] CANNOT OPEN Drive (%s)", path);
 		return;
@@ -88,7 +103,7 @@ bool StorageParts::createDataFile(const char* path, int sizeMB) {
 void StorageParts::openDataFile(const char* path, int sizeMB) {
 	if (path[0] && sizeMB > 0) {
 		const bool absent = stateOf(path, kReadWrite) == FileState::absent;
-		if (!absent || createDataFile(path, sizeMB)) mDrive = openRaw(path, kReadWrite);
+		if (!absent || createDataFile(path, sizeMB)) openTarget(path);
 	}
 	if (mDrive) measureDataFile(path, static_cast<long long>(sizeMB) << 20);
 	if (mDrive) {

@@ -1,6 +1,7 @@
 #include "target_internal.h"
 
 #include "../platform/draft.h"
+#include "../platform/folder.h"
 #include "../platform/machine.h"
 #include "../platform/memory.h"
 
@@ -112,7 +113,9 @@ bool makeFilledFile(
 	const bool open = draft.open(path, flags);
 	const long long done = open ? writeFilled(draft.file(), 0, bytes, piece, fill) : 0;
 	if (written) *written = done;
-	return open && done == bytes && draft.commit();
+	if (!open || done != bytes || !draft.commit()) return false;
+	platform::flushFolders(path);
+	return true;
 }
 
 bool extendWithUnwritten(const char* path, long long from, long long to, uint32_t piece, long long* reached) {

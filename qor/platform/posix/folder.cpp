@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace platform {
 namespace {
@@ -111,6 +112,20 @@ bool makeFolders(const char* folder) {
 	if (error == EEXIST && stat(path, &there) == 0 && S_ISDIR(there.st_mode)) return true;
 	setLastError(error == EEXIST ? kAlreadyExists : windowsError(error));
 	return false;
+}
+
+void flushFolders(const char* path) {
+	NativePath native;
+	const std::string full = fullPath(path);
+	if (!native.assign(full.c_str())) return;
+	while (std::strcmp(native.text(), "/") != 0) {
+		const NativePath below = native;
+		below.folder(&native);
+		const int folder = open(native.text(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+		if (folder < 0) continue;
+		static_cast<void>(fsync(folder));
+		close(folder);
+	}
 }
 
 std::string fullPath(const char* path) {

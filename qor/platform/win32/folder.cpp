@@ -99,6 +99,8 @@ bool makeFolders(const char* folder) {
 	return false;
 }
 
+void flushFolders(const char*) {}
+
 std::string fullPath(const char* path) {
 	if (!path || !*path) return {};
 	try {

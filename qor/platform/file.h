@@ -83,7 +83,7 @@ public:
 	/// Opens or makes a file. "\\.\PhysicalDrive<n>" is a disk and "\\.\<letter>:" a volume
 	/// (their names on Linux: disk.h). Null or empty paths are refused (error 3), and so is
 	/// what is neither of them nor a regular file, such as a pipe, that might keep the caller
-	/// waiting (error 5); on Linux /dev/null and /dev/full pass for files.
+	/// waiting (error 5); the system's empty file (NUL, /dev/null, and /dev/full) passes for one.
 	/// @return null on failure, `lastError()` says why.
 	virtual std::unique_ptr<File> open(const char* path, const FileOpen& how) = 0;
 	/// Whether a file or folder of that name is there.

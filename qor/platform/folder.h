@@ -30,7 +30,8 @@ struct FoundFile {
 ///         or there is no memory. A folder without such files is read: true.
 bool listFiles(const char* folder, const char* extension, bool recursive, size_t maximum, std::vector<FoundFile>* out);
 
-/// Makes a folder with all folders above it. @return true also when it was there.
+/// Makes a folder with all folders above it; on Linux the medium has them when this returns
+/// (Windows keeps the order itself). @return true also when it was there.
 bool makeFolders(const char* folder);
 
 /// Hands the entries of a file and of all folders above it to the medium, as far as they may

@@ -163,11 +163,15 @@ std::unique_ptr<File> PosixFileSystem::open(const char* path, const FileOpen& ho
 	if (isDeviceName(path)) return openDevice(path, how);
 	NativePath native;
 	if (!native.assign(path)) return nullptr;
+	// First what may be refused without a trace: opening may make the file, or empty it.
+	std::unique_ptr<PosixFile> file(new (std::nothrow) PosixFile(Descriptor(), how, Extent(), kFileSectorSize));
+	if (!file) {
+		setLastError(kOutOfMemory);
+		return nullptr;
+	}
 	Descriptor handle = openDescriptor(native.text(), how, Target::file);
 	if (!handle) return nullptr;
-	const uint32_t outcome = lastError();
-	std::unique_ptr<File> file(new (std::nothrow) PosixFile(std::move(handle), how, Extent(), kFileSectorSize));
-	setLastError(file ? outcome : kOutOfMemory);
+	file->attach(std::move(handle));
 	return file;
 }
 
@@ -200,9 +204,9 @@ bool PosixFileSystem::replace(const char* from, const char* to) {
 	if (rename(source.text(), target.text()) != 0) {
 		return fail(errno == EISDIR || errno == ENOTEMPTY ? kAccessDenied : openError(errno, target.text()));
 	}
-	if (!syncPath(targetFolder.text(), O_RDONLY | O_DIRECTORY)) return failWithErrno();
+	if (!syncFolder(targetFolder.text())) return failWithErrno();
 	const bool sameFolder = std::string_view(sourceFolder.text()) == targetFolder.text();
-	return sameFolder || syncPath(sourceFolder.text(), O_RDONLY | O_DIRECTORY) || failWithErrno();
+	return sameFolder || syncFolder(sourceFolder.text()) || failWithErrno();
 }
 
 } // namespace
@@ -243,6 +247,8 @@ Descriptor openDescriptor(const char* path, const FileOpen& how, Target target) 
 	return handle;
 }
 
+bool syncFolder(const char* path) { return syncPath(path, O_RDONLY | O_DIRECTORY); }
+
 bool descriptorSize(int handle, int64_t* bytes) {
 	struct stat file = {};
 	if (fstat(handle, &file) != 0) return failWithErrno();
@@ -257,8 +263,12 @@ bool descriptorSize(int handle, int64_t* bytes) {
 }
 
 PosixFile::PosixFile(Descriptor handle, const FileOpen& how, Extent extent, uint32_t sectorSize)
-    : mHandle(std::move(handle)), mAccess(how.access), mUnbuffered((how.flags & kFlagUnbuffered) != 0), mSeekable(true),
-      mExtent(extent), mSectorSize(sectorSize) {
+    : mAccess(how.access), mUnbuffered((how.flags & kFlagUnbuffered) != 0), mExtent(extent), mSectorSize(sectorSize) {
+	if (handle) attach(std::move(handle));
+}
+
+void PosixFile::attach(Descriptor handle) {
+	mHandle = std::move(handle);
 	struct stat file = {};
 	mSeekable = fstat(mHandle.get(), &file) == 0 && (S_ISREG(file.st_mode) || S_ISBLK(file.st_mode));
 }

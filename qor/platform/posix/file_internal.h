@@ -32,6 +32,9 @@ Descriptor openDescriptor(const char* path, const FileOpen& how, Target target);
 /// Bytes of a file, image or block device. @return false with `lastError()`.
 bool descriptorSize(int handle, int64_t* bytes);
 
+/// Waits until the medium has the names in a folder. @return false with `errno`.
+bool syncFolder(const char* path);
+
 /// The part of a descriptor that a file shows. A file grows; a disk or volume has an end.
 struct Extent {
 	int64_t start = 0;
@@ -40,7 +43,9 @@ struct Extent {
 
 class PosixFile : public File {
 public:
+	/// Without a handle it is nothing until `attach`.
 	PosixFile(Descriptor handle, const FileOpen& how, Extent extent, uint32_t sectorSize);
+	void attach(Descriptor handle);
 
 	uint32_t write(const void* data, uint32_t count) override;
 	uint32_t read(void* buffer, uint32_t count) override;
@@ -64,7 +69,7 @@ private:
 	Descriptor mHandle;
 	uint32_t mAccess;
 	bool mUnbuffered;
-	bool mSeekable; // a pipe or terminal is not
+	bool mSeekable = true; // a pipe or terminal is not
 	Extent mExtent;
 	uint32_t mSectorSize;
 	int64_t mPosition = 0;

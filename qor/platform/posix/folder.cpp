@@ -3,6 +3,7 @@
 #include "../folder_internal.h"
 #include "../machine.h"
 #include "errors.h"
+#include "file_internal.h"
 #include "path_internal.h"
 
 #include <cerrno>
@@ -45,6 +46,24 @@ void addSizes(int folder, std::vector<FoundFile>* files) {
 		file.size = static_cast<uint64_t>(about.st_size);
 		return false;
 	});
+}
+
+bool fail(uint32_t error) {
+	setLastError(error);
+	return false;
+}
+
+/// Makes one folder that a power cut does not take away again. @return false with `errno`:
+/// EIO when it is there but its name may not be on the medium.
+bool makeFolder(const char* path) {
+	if (mkdir(path, 0777) != 0) return false;
+	NativePath made, above;
+	if (made.assignNative(path, std::strlen(path))) {
+		made.folder(&above);
+		if (syncFolder(above.text())) return true;
+	}
+	errno = EIO;
+	return false;
 }
 
 /// Whether a path is there, and is not what its shorter form says: ".." behind a linked folder
@@ -103,15 +122,15 @@ bool makeFolders(const char* folder) {
 	for (char* at = path + 1; *path && *at; ++at) {
 		if (*at != '/') continue;
 		*at = 0;
-		static_cast<void>(mkdir(path, 0777)); // the last one tells
+		const bool durable = makeFolder(path) || errno != EIO; // the last one tells the rest
 		*at = '/';
+		if (!durable) return fail(windowsError(EIO));
 	}
-	if (mkdir(path, 0777) == 0) return true;
+	if (makeFolder(path)) return true;
 	const int error = errno;
 	struct stat there = {};
 	if (error == EEXIST && stat(path, &there) == 0 && S_ISDIR(there.st_mode)) return true;
-	setLastError(error == EEXIST ? kAlreadyExists : windowsError(error));
-	return false;
+	return fail(error == EEXIST ? kAlreadyExists : windowsError(error));
 }
 
 void flushFolders(const char* path) {

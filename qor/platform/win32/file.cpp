@@ -3,6 +3,8 @@
 #include <winioctl.h>
 
 #include "../file.h"
+#include "../folder.h"
+#include "../letter_case_internal.h"
 #include "../machine.h"
 #include "disk_internal.h"
 
@@ -30,7 +32,10 @@ class Handle {
 public:
 	explicit Handle(HANDLE handle) : mHandle(handle) {}
 	Handle(Handle&& other) noexcept : mHandle(std::exchange(other.mHandle, INVALID_HANDLE_VALUE)) {}
-	Handle& operator=(Handle&&) = delete;
+	Handle& operator=(Handle&& other) noexcept {
+		std::swap(mHandle, other.mHandle);
+		return *this;
+	}
 	~Handle() {
 		if (mHandle != INVALID_HANDLE_VALUE) CloseHandle(mHandle);
 	}
@@ -50,9 +55,11 @@ bool isDeviceName(const char* path) {
 /// and keeps it right after a failed one.
 class WindowsFile final : public File {
 public:
-	WindowsFile(Handle handle, const FileOpen& how, bool device)
-	    : mHandle(std::move(handle)), mAccess(how.access), mUnbuffered((how.flags & kFlagUnbuffered) != 0),
-	      mDevice(device) {
+	/// Nothing until `attach`.
+	explicit WindowsFile(const FileOpen& how) : mAccess(how.access), mUnbuffered((how.flags & kFlagUnbuffered) != 0) {}
+	void attach(Handle handle, bool device) {
+		mHandle = std::move(handle);
+		mDevice = device;
 		DiskGeometry disk;
 		if (device && queryGeometry(mHandle.get(), &disk) && disk.bytesPerSector) mSectorSize = disk.bytesPerSector;
 	}
@@ -73,10 +80,10 @@ private:
 	bool mayTransfer(uint32_t access, const void* data, uint32_t count) const;
 	OVERLAPPED placeAt(uint32_t done) const;
 
-	Handle mHandle;
+	Handle mHandle{INVALID_HANDLE_VALUE};
 	uint32_t mAccess;
 	bool mUnbuffered;
-	bool mDevice;
+	bool mDevice = false;
 	uint32_t mSectorSize = kFileSectorSize;
 	int64_t mPosition = 0;
 };
@@ -182,10 +189,22 @@ Handle openHandle(const char* path, uint32_t access, uint32_t share, uint32_t di
 	return Handle(CreateFileA(path, access, share, nullptr, disposition, flags, nullptr));
 }
 
+/// Whether a file was opened, or the empty one of the system, and not a console, a port or a
+/// pipe, which might keep the caller waiting.
+bool isMeant(HANDLE handle, const char* path) {
+	return GetFileType(handle) == FILE_TYPE_DISK || equalWithoutCase(fileNamePart(path), "NUL");
+}
+
 std::unique_ptr<File> WindowsFileSystem::open(const char* path, const FileOpen& how) {
 	if (!isNamed(path)) return nullptr;
 	if (how.disposition == Disposition::truncateExisting && !(how.access & kAccessWrite)) {
 		setLastError(ERROR_INVALID_PARAMETER); // which not every emulation of the system says
+		return nullptr;
+	}
+	// First what may be refused without a trace: opening may make the file, or empty it.
+	std::unique_ptr<WindowsFile> file(new (std::nothrow) WindowsFile(how));
+	if (!file) {
+		setLastError(ERROR_NOT_ENOUGH_MEMORY);
 		return nullptr;
 	}
 	setLastError(0);
@@ -193,8 +212,13 @@ std::unique_ptr<File> WindowsFileSystem::open(const char* path, const FileOpen& 
 	Handle handle = openHandle(path, access, how.share, static_cast<uint32_t>(how.disposition), how.flags);
 	if (!handle) return nullptr;
 	const uint32_t outcome = lastError();
-	std::unique_ptr<File> file(new (std::nothrow) WindowsFile(std::move(handle), how, isDeviceName(path)));
-	setLastError(file ? outcome : static_cast<uint32_t>(ERROR_NOT_ENOUGH_MEMORY));
+	const bool device = isDeviceName(path);
+	if (!device && !isMeant(handle.get(), path)) {
+		setLastError(ERROR_ACCESS_DENIED);
+		return nullptr;
+	}
+	file->attach(std::move(handle), device);
+	setLastError(outcome);
 	return file;
 }
 

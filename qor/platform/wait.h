@@ -9,13 +9,24 @@
 /// Handles are opaque. A handle may be closed while another thread waits on it: the
 /// wait in progress is not disturbed (it ends by a signal through another handle or by
 /// its time-out) and that thread's next wait on the closed handle fails. Every function
-/// refuses null, closed and foreign handles. A name makes an object that all processes
-/// of the machine share: creating an existing name of the same kind opens it and
-/// ignores the initial values. A null or empty name makes an object private to the process.
+/// refuses null, closed and foreign handles. A name makes an object that processes share:
+/// creating an existing name of the same kind opens it and ignores the initial values. A null or empty name makes an
+/// object private to the process.
 ///
 /// A name is compared with its case and shorter than 260 characters (error 206). A "\" stands
 /// only behind the prefixes "Local\", which means the same as none, and "Global\", which makes
 /// another name of it; others are refused (errors 3, 123 and 161).
+///
+/// Who shares a name: on Windows the processes of the session; on Linux the processes of one
+/// user (the effective one at the time of opening) in one process numbering, so neither other
+/// users nor other containers, root included. An object lives in the shared-memory file system;
+/// when that is full, or holds something of another owner under the object's name, creating
+/// and opening fail. A process that is killed with a mutex leaves it abandoned; who waits
+/// notices within a moment.
+///
+/// On Linux a child made by `fork` shares the named objects as a process of its own and may go
+/// on with their handles, but owns none of the parent's mutexes; its private objects are its
+/// own, with the mutexes that the forking thread held. Only that thread is there.
 namespace platform {
 
 inline constexpr uint32_t kWaitAcquired = 0;

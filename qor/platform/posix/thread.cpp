@@ -34,15 +34,44 @@ void threadEnds(void*) {
 	Slot* self = state.self;
 	// A late destructor of another library that comes back registers the thread again.
 	state.id = 0;
+	state.identity = 0;
 	state.held = 0;
 	state.self = nullptr;
 	if (self) threadEnded(*self);
 }
 
+void beforeFork() {
+	lockNamedForFork();
+	lockSlots();
+}
+
+void afterForkInParent() {
+	unlockSlots();
+	unlockNamedInParent();
+}
+
+/// The one thread of the child has a number of its own, and keeps the private mutexes that it
+/// held; those of threads that are not here stay owned for good.
+void afterForkInChild() {
+	unlockSlots();
+	unlockNamedInChild();
+	ThreadState& state = threadState();
+	if (state.id == 0) return;
+	const uint32_t former = state.id;
+	state.id = static_cast<uint32_t>(syscall(SYS_gettid));
+	state.identity = 0;
+	if (state.held > 0) passMutexes(former, state.id);
+}
+
+void prepare() {
+	pthread_key_create(&gThreadKey, threadEnds);
+	pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+}
+
 } // namespace
 
 void registerThread() {
-	pthread_once(&gThreadKeyOnce, [] { pthread_key_create(&gThreadKey, threadEnds); });
+	pthread_once(&gThreadKeyOnce, prepare);
 	ThreadState& state = threadState();
 	state.id = static_cast<uint32_t>(syscall(SYS_gettid));
 	pthread_setspecific(gThreadKey, &state);

@@ -10,12 +10,13 @@ struct Slot;
 /// at a fixed offset instead of through a call; it is small enough for a library that is
 /// loaded late.
 struct ThreadState {
-	uint32_t id = 0;      // the system's number; 0 until the first call of `currentThread`
-	uint32_t held = 0;    // private mutexes acquired and not released: 0 saves the search at the end
-	uint32_t error = 0;   // lastError
-	int priority = 0;     // as given to startThread
-	Slot* self = nullptr; // the thread's own object when startThread made it
-	bool started = false; // by startThread
+	uint32_t id = 0;       // the system's number; 0 until the first call of `currentThread`
+	uint32_t held = 0;     // private mutexes acquired and not released: 0 saves the search at the end
+	uint32_t error = 0;    // lastError
+	int priority = 0;      // as given to startThread
+	uint64_t identity = 0; // see thread_identity_internal.h; 0 until it was asked for
+	Slot* self = nullptr;  // the thread's own object when startThread made it
+	bool started = false;  // by startThread
 };
 
 extern constinit thread_local ThreadState tThread __attribute__((tls_model("initial-exec")));

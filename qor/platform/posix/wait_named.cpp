@@ -2,19 +2,16 @@
 
 #include "../machine.h"
 #include "../wait.h"
-#include "errors.h"
-#include "named_segment_internal.h"
+#include "named_state_internal.h"
 #include "object_name_internal.h"
+#include "thread_identity_internal.h"
 #include "thread_state_internal.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <unistd.h>
 
 namespace platform::posix {
 
@@ -22,163 +19,106 @@ namespace {
 
 constexpr uint32_t kInvalidHandle = 6;
 constexpr uint32_t kOutOfMemory = 8;
+constexpr uint32_t kBusy = 170;
 constexpr uint32_t kAlreadyExists = 183;
 constexpr uint32_t kNotOwner = 288;
 constexpr uint32_t kTooManyPosts = 298;
+constexpr uint32_t kMutexLimit = 587;
+constexpr uint32_t kMostRecursion = 0x7FFFFFFF;
+// Longer than opening waits for other processes.
+constexpr uint32_t kLongestOpeningMs = 15000;
 
-// A process that is killed wakes nobody; those who wait for its mutex look this often.
-constexpr uint32_t kOwnerCheckMs = 50;
+bool fail(uint32_t error) {
+	setLastError(error);
+	return false;
+}
 
 } // namespace
 
-/// An object's one mapping in this process, whatever number of handles it has here: the
-/// system keeps the addresses of robust locks that a thread holds.
+/// An object's one mapping in this process, whatever number of handles it has here.
 struct NamedObject {
 	std::unique_ptr<char[]> name;
 	NamedSegment segment;
+	SharedTraits traits{};  // read once: what others write there later changes nothing here
+	uint32_t recursion = 0; // of a mutex; its owner's alone
 	std::atomic<uint32_t> shares{1};
+	bool opening = true; // under the list's lock
 	NamedObject* next = nullptr;
 
 	SharedState& state() const { return *segment.state(); }
+	bool isMutex() const { return traits.kind == Kind::mutex; }
+	uint64_t owner() const { return state().word.load(std::memory_order_relaxed); }
 };
 
 namespace {
 
-std::mutex gNamedLock; // guards the list and the step of `shares` to 0
+std::mutex gNamedLock; // guards the list and the step of `shares` to 0; never held over a file
 NamedObject* gNamed = nullptr;
+std::atomic<uint32_t> gOpenings{0}; // changes when an object has been opened, or could not be
 
 /// Leaves no file behind when the process ends with handles open. The memory stays mapped:
 /// other threads may still run.
 struct AtExit {
 	~AtExit() {
 		if (!gNamedLock.try_lock()) return;
-		for (NamedObject* object = gNamed; object; object = object->next) object->segment.removeUnlessShared();
+		for (NamedObject* object = gNamed; object; object = object->next) {
+			if (!object->opening) object->segment.removeUnlessShared();
+		}
 		gNamedLock.unlock();
 	}
 } gAtExit;
 
-/// Holds the lock of a shared semaphore or event. A process that died with it left at most
-/// one field unwritten, each of which is sensible by itself.
-class SharedGuard {
-public:
-	explicit SharedGuard(SharedState& state) : mState(state) { lock(); }
-	~SharedGuard() { unlock(); }
-	SharedGuard(const SharedGuard&) = delete;
-	SharedGuard& operator=(const SharedGuard&) = delete;
+uint64_t knownIdentity() { return currentThread().identity; } // without one it owns nothing
 
-	void lock() {
-		if (pthread_mutex_lock(&mState.lock) == EOWNERDEAD) pthread_mutex_consistent(&mState.lock);
-	}
-	void unlock() { pthread_mutex_unlock(&mState.lock); }
-
-private:
-	SharedState& mState;
-};
-
-/// Wakes all: one chosen sleeper might be killed before it takes what it was woken for.
-void wakeSleepers(SharedState& state) {
-	state.sequence.fetch_add(1, std::memory_order_seq_cst);
-	if (state.sleepers.load(std::memory_order_seq_cst) > 0) futexWake(&state.sequence, INT_MAX, true);
+bool ownsMutex(const NamedObject& object) {
+	return object.isMutex() && knownIdentity() != 0 && object.owner() == knownIdentity();
 }
 
-bool ownsMutex(const SharedState& state) {
-	return state.ownerProcess.load(std::memory_order_relaxed) == processId() &&
-	       state.ownerThread.load(std::memory_order_relaxed) == currentThread().id;
-}
-
-uint32_t tryMutex(SharedState& state) {
-	const int result = pthread_mutex_trylock(&state.lock);
-	if (result == EBUSY) return kWaitTimeout;
-	if (result != 0 && result != EOWNERDEAD) {
-		setLastError(windowsError(result));
-		return kWaitFailed;
+uint32_t waitMutex(NamedObject& object, const Deadline& deadline) {
+	const uint64_t self = ownIdentity();
+	if (!self) return kWaitFailed;
+	if (ownsMutex(object)) {
+		if (object.recursion >= kMostRecursion) return fail(kMutexLimit), kWaitFailed;
+		++object.recursion;
+		return kWaitAcquired;
 	}
-	bool abandoned = false;
-	if (result == EOWNERDEAD) {
-		pthread_mutex_consistent(&state.lock);
-		state.recursion = 0;
-		abandoned = true;
-	}
-	if (state.recursion++ == 0) {
-		state.ownerProcess.store(processId(), std::memory_order_relaxed);
-		state.ownerThread.store(currentThread().id, std::memory_order_relaxed);
-		abandoned |= state.abandoned;
-		state.abandoned = false;
-	}
-	return abandoned ? kWaitAbandoned : kWaitAcquired;
-}
-
-uint32_t waitMutex(SharedState& state, const Deadline& deadline) {
-	uint32_t result = tryMutex(state);
-	if (result != kWaitTimeout || deadline.onlyTests()) return result;
-	state.sleepers.fetch_add(1, std::memory_order_seq_cst);
-	for (;;) {
-		const uint32_t sequence = state.sequence.load(std::memory_order_seq_cst);
-		result = tryMutex(state);
-		if (result != kWaitTimeout || deadline.passed()) break;
-		futexWait(state.sequence, sequence, deadline.atMost(kOwnerCheckMs), true);
-	}
-	state.sleepers.fetch_sub(1, std::memory_order_relaxed);
+	const uint32_t result = waitShared(object.state(), self, deadline);
+	if (result == kWaitAcquired || result == kWaitAbandoned) object.recursion = 1;
 	return result;
 }
 
-void releaseOnce(SharedState& state, bool abandoned) {
-	if (--state.recursion > 0) {
-		pthread_mutex_unlock(&state.lock);
-		return;
-	}
-	state.abandoned = abandoned;
-	state.ownerProcess.store(0, std::memory_order_relaxed);
-	state.ownerThread.store(0, std::memory_order_relaxed);
-	pthread_mutex_unlock(&state.lock);
-	wakeSleepers(state);
-}
-
-/// Acquires under the object's lock. `entered` is the number of pulses when the wait began:
-/// a pulse since then is for this wait.
-bool trySignalled(SharedState& state, uint32_t entered) {
-	if (state.kind == static_cast<uint32_t>(Kind::semaphore)) {
-		if (state.count == 0) return false;
-		--state.count;
-		return true;
-	}
-	if (state.signalled) {
-		state.signalled = state.manualReset;
-		return true;
-	}
-	if (state.pulses == entered) return false;
-	if (state.manualReset) return true;
-	if (state.grants == 0) return false;
-	--state.grants;
-	return true;
-}
-
-uint32_t waitSignalled(SharedState& state, const Deadline& deadline) {
-	SharedGuard guard(state);
-	const uint32_t entered = state.pulses;
-	if (trySignalled(state, entered)) return kWaitAcquired;
-	if (deadline.onlyTests()) return kWaitTimeout;
-	state.sleepers.fetch_add(1, std::memory_order_relaxed);
-	bool acquired = false;
-	for (bool inTime = true; inTime && !acquired;) {
-		const uint32_t sequence = state.sequence.load(std::memory_order_relaxed);
-		guard.unlock();
-		inTime = futexWait(state.sequence, sequence, deadline, true);
-		guard.lock();
-		acquired = trySignalled(state, entered);
-	}
-	const uint32_t sleepers = state.sleepers.fetch_sub(1, std::memory_order_relaxed) - 1;
-	state.grants = std::min(state.grants, sleepers); // nothing is kept for nobody
-	return acquired ? kWaitAcquired : kWaitTimeout;
+void releaseWhole(NamedObject& object, bool abandoned) {
+	object.recursion = 0;
+	releaseShared(object.state(), abandoned);
 }
 
 /// A new object's state, from the request.
 void initialise(SharedState& state, const NamedRequest& request) {
 	state.kind = static_cast<uint32_t>(request.kind);
-	state.count = request.count;
 	state.maximum = request.maximum;
 	state.manualReset = request.manualReset;
-	state.signalled = request.signalled;
+	uint64_t word = 0;
+	if (request.kind == Kind::mutex) word = request.owned ? knownIdentity() : kFreeMutex;
+	if (request.kind == Kind::semaphore) word = static_cast<uint64_t>(request.count);
+	if (request.kind == Kind::event) word = sharedEventWord(request.signalled);
+	state.word.store(word, std::memory_order_relaxed);
+}
+
+bool readTraits(NamedObject& object) {
+	const SharedState& state = object.state();
+	if (state.kind < static_cast<uint32_t>(Kind::mutex) || state.kind > static_cast<uint32_t>(Kind::event))
+		return false;
+	object.traits = {static_cast<Kind>(state.kind), state.maximum, state.manualReset != 0};
+	return object.traits.kind != Kind::semaphore || object.traits.maximum > 0;
+}
+
+std::unique_ptr<NamedObject> makeNamed(const char* name) {
+	const size_t length = std::strlen(name) + 1;
+	std::unique_ptr<NamedObject> object(new (std::nothrow) NamedObject);
+	if (object) object->name.reset(new (std::nothrow) char[length]);
+	if (!object || !object->name) return fail(kOutOfMemory), nullptr;
+	std::memcpy(object->name.get(), name, length);
+	return object;
 }
 
 NamedObject* findNamed(const char* name) {
@@ -187,59 +127,79 @@ NamedObject* findNamed(const char* name) {
 	return object;
 }
 
-/// Under the list's lock. @return the object with one share more, or null with the last error.
-NamedObject* shareNamed(const NamedRequest& request, bool& existed) {
-	if (NamedObject* object = findNamed(request.name)) {
-		object->shares.fetch_add(1, std::memory_order_relaxed);
-		existed = true;
-		return object;
-	}
-	const size_t length = std::strlen(request.name) + 1;
-	std::unique_ptr<NamedObject> object(new (std::nothrow) NamedObject);
-	if (object) object->name.reset(new (std::nothrow) char[length]);
-	if (!object || !object->name) {
-		setLastError(kOutOfMemory);
-		return nullptr;
-	}
-	std::memcpy(object->name.get(), request.name, length);
-	const auto fill = [&request](SharedState& state) { initialise(state, request); };
-	if (!object->segment.open(request.name, request.mustExist, fill, existed)) return nullptr;
-	object->next = gNamed;
-	gNamed = object.get();
-	return object.release();
-}
-
-/// Under the list's lock: frees what has no share any more. An object whose mutex a thread
-/// of this process still owns stays mapped until that thread ends.
-void removeUnused(NamedObject& object) {
-	if (object.shares.load(std::memory_order_relaxed) != 0) return;
-	if (object.state().ownerProcess.load(std::memory_order_relaxed) == processId()) return;
+void removeFromList(NamedObject& object) {
 	NamedObject** link = &gNamed;
 	while (*link != &object) link = &(*link)->next;
 	*link = object.next;
-	delete &object;
+}
+
+/// Under the list's lock, which it gives up while another thread opens the object.
+/// @return the object with one share more, or null: nobody has it. Throws nothing.
+NamedObject* shareListed(const char* name, std::unique_lock<std::mutex>& lock, bool* timedOut) {
+	const Deadline end(kLongestOpeningMs);
+	for (;;) {
+		NamedObject* object = findNamed(name);
+		if (!object || !object->opening) {
+			if (object) object->shares.fetch_add(1, std::memory_order_relaxed);
+			return object;
+		}
+		const uint32_t openings = gOpenings.load(std::memory_order_relaxed);
+		lock.unlock();
+		*timedOut = !futexWait(gOpenings, openings, end);
+		lock.lock();
+		if (*timedOut) return nullptr;
+	}
+}
+
+/// @return the object with one share more, or null with the last error.
+NamedObject* shareNamed(const NamedRequest& request, bool& existed) {
+	std::unique_lock lock(gNamedLock);
+	bool timedOut = false;
+	existed = true;
+	if (NamedObject* object = shareListed(request.name, lock, &timedOut)) return object;
+	if (timedOut) return fail(kBusy), nullptr;
+	std::unique_ptr<NamedObject> object = makeNamed(request.name);
+	if (!object) return nullptr;
+	object->next = gNamed;
+	gNamed = object.get();
+	lock.unlock();
+	const auto fill = [&request](SharedState& state) { initialise(state, request); };
+	bool opened = object->segment.open(request.name, request.mustExist, fill, existed);
+	if (opened && !readTraits(*object)) opened = fail(kInvalidHandle);
+	if (opened && !existed && request.owned) object->recursion = 1;
+	lock.lock();
+	object->opening = false;
+	if (!opened) removeFromList(*object);
+	gOpenings.fetch_add(1, std::memory_order_relaxed);
+	lock.unlock();
+	futexWake(&gOpenings, INT_MAX);
+	return opened ? object.release() : nullptr;
+}
+
+/// Under the list's lock. An object whose mutex a thread of this process still owns stays
+/// mapped until that thread ends. @return the object when it is to be deleted, without the lock.
+NamedObject* takeUnused(NamedObject& object) {
+	if (object.opening || object.shares.load(std::memory_order_relaxed) != 0 || object.recursion != 0) return nullptr;
+	removeFromList(object);
+	return &object;
 }
 
 } // namespace
 
 WaitHandle openNamed(NamedRequest request) {
 	request.name = objectName(request.name);
-	if (!request.name) return nullptr;
-	NamedObject* object = nullptr;
+	if (!request.name || (request.owned && !ownIdentity())) return nullptr;
+	currentThread(); // what a fork needs is arranged with it
 	bool existed = false;
-	{
-		const std::lock_guard lock(gNamedLock);
-		object = shareNamed(request, existed);
-	}
+	NamedObject* object = shareNamed(request, existed);
 	if (!object) return nullptr;
-	const bool fits = object->state().kind == static_cast<uint32_t>(request.kind);
+	const bool fits = object->traits.kind == request.kind;
 	const WaitHandle handle = fits ? makeSlot(Kind::named, 0, 0, object) : nullptr;
 	if (!handle) {
 		dropNamed(*object);
 		if (!fits) setLastError(kInvalidHandle);
 		return nullptr;
 	}
-	if (!existed && request.owned) tryMutex(object->state());
 	if (!request.mustExist) setLastError(existed ? kAlreadyExists : 0);
 	return handle;
 }
@@ -249,14 +209,16 @@ void dropNamed(NamedObject& object) {
 	while (shares > 1) {
 		if (object.shares.compare_exchange_weak(shares, shares - 1, std::memory_order_acq_rel)) return;
 	}
-	const std::lock_guard lock(gNamedLock);
+	std::unique_lock lock(gNamedLock);
 	object.shares.fetch_sub(1, std::memory_order_acq_rel);
-	removeUnused(object);
+	const std::unique_ptr<NamedObject> unused(takeUnused(object));
+	lock.unlock();
 }
 
 NamedShare::NamedShare(const Found& found) {
 	const SlotGuard guard(*found.slot);
 	if (generationOf(found.slot->word.load(std::memory_order_relaxed)) != generationOf(found.word)) return;
+	if (!found.slot->named->segment.isOwn()) return; // forked without a way to share it
 	mObject = found.slot->named;
 	mObject->shares.fetch_add(1, std::memory_order_relaxed); // the handle's own share keeps it alive
 }
@@ -265,69 +227,85 @@ NamedShare::~NamedShare() {
 	if (mObject) dropNamed(*mObject);
 }
 
-Kind kindOfNamed(const NamedObject& object) { return static_cast<Kind>(object.state().kind); }
+Kind kindOfNamed(const NamedObject& object) { return object.traits.kind; }
 
-bool manualResetOfNamed(const NamedObject& object) { return object.state().manualReset; }
+bool manualResetOfNamed(const NamedObject& object) { return object.traits.manualReset; }
 
 uint32_t waitNamed(NamedObject& object, const Deadline& deadline) {
-	SharedState& state = object.state();
-	return kindOfNamed(object) == Kind::mutex ? waitMutex(state, deadline) : waitSignalled(state, deadline);
+	return object.isMutex() ? waitMutex(object, deadline) : waitShared(object.state(), object.traits, deadline);
 }
 
 bool releaseNamedMutex(NamedObject& object, bool abandoned) {
-	if (!ownsMutex(object.state())) {
-		setLastError(kNotOwner);
-		return false;
-	}
-	releaseOnce(object.state(), abandoned);
+	if (!ownsMutex(object)) return fail(kNotOwner);
+	if (object.recursion > 1)
+		--object.recursion;
+	else
+		releaseWhole(object, abandoned);
 	return true;
 }
 
 bool releaseNamedSemaphore(NamedObject& object, int32_t count, int32_t* previous, bool beyond) {
-	SharedState& state = object.state();
-	const SharedGuard guard(state);
-	const int32_t maximum = beyond ? INT32_MAX : state.maximum;
-	if (count > maximum - state.count) {
-		setLastError(kTooManyPosts);
-		return false;
-	}
-	if (previous) *previous = state.count;
-	state.count += count;
-	wakeSleepers(state);
+	const int32_t before = releaseShared(object.state(), count, beyond ? INT32_MAX : object.traits.maximum);
+	if (before < 0) return fail(kTooManyPosts);
+	if (previous) *previous = before;
 	return true;
 }
 
-void setNamedEvent(NamedObject& object) {
-	SharedState& state = object.state();
-	const SharedGuard guard(state);
-	state.signalled = true;
-	if (state.manualReset) ++state.pulses; // who waits now goes on even if a reset comes first
-	wakeSleepers(state);
-}
+void setNamedEvent(NamedObject& object) { setShared(object.state(), object.traits.manualReset); }
 
-void resetNamedEvent(NamedObject& object) {
-	const SharedGuard guard(object.state());
-	object.state().signalled = false;
-}
+void resetNamedEvent(NamedObject& object) { resetShared(object.state()); }
 
-void pulseNamedEvent(NamedObject& object) {
-	SharedState& state = object.state();
-	const SharedGuard guard(state);
-	state.signalled = false;
-	++state.pulses;
-	state.grants = std::min(state.grants + 1, state.sleepers.load(std::memory_order_relaxed));
-	wakeSleepers(state);
-}
+void pulseNamedEvent(NamedObject& object) { pulseShared(object.state()); }
 
 void abandonNamedMutexes() {
-	const std::lock_guard lock(gNamedLock);
-	for (NamedObject* object = gNamed; object;) {
-		NamedObject* next = object->next;
-		SharedState& state = object->state();
-		while (kindOfNamed(*object) == Kind::mutex && ownsMutex(state)) releaseOnce(state, true);
-		removeUnused(*object);
-		object = next;
+	if (!knownIdentity()) return;
+	NamedObject* unused = nullptr;
+	{
+		const std::lock_guard lock(gNamedLock);
+		for (NamedObject* object = gNamed; object;) {
+			NamedObject* next = object->next;
+			if (!object->opening && ownsMutex(*object)) {
+				releaseWhole(*object, true);
+				if (NamedObject* taken = takeUnused(*object)) {
+					taken->next = unused;
+					unused = taken;
+				}
+			}
+			object = next;
+		}
 	}
+	while (unused) {
+		const std::unique_ptr<NamedObject> object(unused);
+		unused = object->next;
+	}
+}
+
+void lockNamedForFork() {
+	gNamedLock.lock();
+	for (NamedObject* object = gNamed; object; object = object->next) {
+		if (!object->opening) object->segment.beforeFork();
+	}
+}
+
+void unlockNamedInParent() {
+	for (NamedObject* object = gNamed; object; object = object->next) object->segment.afterForkInParent();
+	gNamedLock.unlock();
+}
+
+/// What another thread was opening is forgotten; nobody here will end that. Nor does anybody
+/// here own a mutex: its owner is a thread of the parent.
+void unlockNamedInChild() {
+	for (NamedObject** link = &gNamed; *link;) {
+		NamedObject& object = **link;
+		if (object.opening) {
+			*link = object.next;
+			continue;
+		}
+		object.segment.afterForkInChild();
+		object.recursion = 0;
+		link = &object.next;
+	}
+	gNamedLock.unlock();
 }
 
 } // namespace platform::posix

@@ -54,4 +54,9 @@ void pulseNamedEvent(NamedObject& object);
 /// Leaves every named mutex that the calling thread owns abandoned.
 void abandonNamedMutexes();
 
+/// Around a fork: the child shares the objects as a process of its own.
+void lockNamedForFork();
+void unlockNamedInParent();
+void unlockNamedInChild();
+
 } // namespace platform::posix

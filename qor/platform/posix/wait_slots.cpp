@@ -190,6 +190,20 @@ void abandonMutexes(uint32_t owner) {
 	}
 }
 
+void passMutexes(uint32_t from, uint32_t to) {
+	Slot* slots = gSlots.load(std::memory_order_acquire);
+	const uint32_t used = gUsed.load(std::memory_order_acquire);
+	for (uint32_t i = 0; i < used; ++i) {
+		const uint64_t word = slots[i].word.load(std::memory_order_relaxed);
+		if (kindOf(word) != Kind::mutex || (word & kOwnerMask) != from) continue;
+		slots[i].word.store((word & ~kOwnerMask) | to, std::memory_order_relaxed);
+	}
+}
+
+void lockSlots() { gTableLock.lock(); }
+
+void unlockSlots() { gTableLock.unlock(); }
+
 void threadEnded(Slot& slot) {
 	SlotGuard guard(slot);
 	slot.word.fetch_or(kSignalled, std::memory_order_acq_rel);

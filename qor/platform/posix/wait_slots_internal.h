@@ -111,6 +111,13 @@ private:
 /// Leaves every private mutex that the calling thread owns abandoned.
 void abandonMutexes(uint32_t owner);
 
+/// Gives every private mutex of one thread to another; only where no other thread runs.
+void passMutexes(uint32_t from, uint32_t to);
+
+/// The table's lock, held around a fork.
+void lockSlots();
+void unlockSlots();
+
 /// The thread of this slot has ended.
 void threadEnded(Slot& slot);
 

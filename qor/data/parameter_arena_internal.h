@@ -83,3 +83,10 @@ private:
 };
 
 } // namespace parameter_file
+
+/// The children of a section by type. Threads that look up may read it when the count is that of the children.
+struct CqorBXML_Section::Lookup {
+	std::atomic<std::int32_t> sortedCount{0}; // so many of the children stand in `byType`
+	CqorBXML_Section** byType = nullptr;
+	std::uint32_t room = 0;
+};

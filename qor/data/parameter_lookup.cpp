@@ -3,6 +3,7 @@
 #include "parameter_section.h"
 
 #include <algorithm>
+#include <new>
 
 using parameter_file::PathName;
 
@@ -27,30 +28,38 @@ struct CqorBXML_Section::TypeOrder {
 /// @param sorted so many are in order already
 bool CqorBXML_Section::sortChildrenFrom(int sorted) const {
 	const auto count = static_cast<std::uint32_t>(mChildCount);
-	if (mByTypeRoom < count) {
+	if (mLookup->room < count) {
 		const auto room = std::bit_ceil(count);
-		auto** grown = static_cast<CqorBXML_Section**>(mArena->allocate(room * sizeof *mByType));
+		auto** grown = static_cast<CqorBXML_Section**>(mArena->allocate(room * sizeof *mLookup->byType));
 		if (!grown) return false;
-		std::copy_n(mByType, sorted, grown);
-		mByType = grown;
-		mByTypeRoom = room;
+		std::copy_n(mLookup->byType, sorted, grown);
+		mLookup->byType = grown;
+		mLookup->room = room;
 	}
-	auto **added = mByType + sorted, **end = mByType + count;
+	auto **byType = mLookup->byType, **added = byType + sorted, **end = byType + count;
 	std::copy(mChildren + sorted, mChildren + count, added);
 	if (!std::is_sorted(added, end, TypeOrder())) std::sort(added, end, TypeOrder()); // often they are of one type
-	std::inplace_merge(mByType, added, end, TypeOrder());
-	mSortedCount.store(mChildCount, std::memory_order_release);
+	std::inplace_merge(byType, added, end, TypeOrder());
+	mLookup->sortedCount.store(mChildCount, std::memory_order_release);
 	return true;
 }
 
-/// @return false without memory, and while another thread sorts in this tree.
-bool CqorBXML_Section::sortChildren() const {
-	if (mSortedCount.load(std::memory_order_acquire) == mChildCount) return true;
-	if (!mArena->enter()) return false;
-	const int sorted = mSortedCount.load(std::memory_order_relaxed); // by now, maybe, all
-	const bool complete = sorted == mChildCount || sortChildrenFrom(sorted);
+/// @return null without memory, and while another thread sorts in this tree.
+const CqorBXML_Section::Lookup* CqorBXML_Section::sortChildren() const {
+	const std::atomic_ref published(mLookup); // by whichever thread came first
+	const Lookup* lookup = published.load(std::memory_order_acquire);
+	if (lookup && lookup->sortedCount.load(std::memory_order_acquire) == mChildCount) return lookup;
+	if (!mArena->enter()) return nullptr;
+	if (!mLookup)
+		if (void* memory = mArena->allocate(sizeof(Lookup)))
+			published.store(::new (memory) Lookup, std::memory_order_release);
+	bool complete = mLookup != nullptr;
+	if (complete) {
+		const int sorted = mLookup->sortedCount.load(std::memory_order_relaxed); // by now, maybe, all
+		complete = sorted == mChildCount || sortChildrenFrom(sorted);
+	}
 	mArena->leave();
-	return complete;
+	return complete ? mLookup : nullptr;
 }
 
 CqorBXML_Section* CqorBXML_Section::childOfTypeFrom(int position, const PathName& type) const {
@@ -63,8 +72,10 @@ CqorBXML_Section* CqorBXML_Section::childOfType(const PathName& type, int index)
 	if (index < 0) return nullptr;
 	int before = 0;
 	for (int i = 0; i < mChildCount; ++i) {
-		if (i == kNear && sortChildren()) {
-			const auto found = std::equal_range(mByType, mByType + mChildCount, type, TypeOrder());
+		const Lookup* lookup = i == kNear ? sortChildren() : nullptr;
+		if (lookup) {
+			auto** const byType = lookup->byType;
+			const auto found = std::equal_range(byType, byType + mChildCount, type, TypeOrder());
 			return index < found.second - found.first ? found.first[index] : nullptr;
 		}
 		if (type.equals(mChildren[i]->mType) && before++ == index) return mChildren[i];
@@ -81,8 +92,9 @@ eqorBXML_VAR* CqorBXML_Section::varOfName(const PathName& name, int index) const
 int CqorBXML_Section::FindSectionCountByType(const char* type) const {
 	if (!type) return 0;
 	const auto wanted = PathName::whole(type);
-	if (mChildCount > kNear && sortChildren()) {
-		const auto found = std::equal_range(mByType, mByType + mChildCount, wanted, TypeOrder());
+	if (const Lookup* lookup = mChildCount > kNear ? sortChildren() : nullptr) {
+		auto** const byType = lookup->byType;
+		const auto found = std::equal_range(byType, byType + mChildCount, wanted, TypeOrder());
 		return static_cast<int>(found.second - found.first);
 	}
 	int count = 0;

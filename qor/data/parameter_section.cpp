@@ -10,6 +10,8 @@
 
 using parameter_file::Arena;
 
+static_assert(sizeof(CqorBXML_Section) == 384, "hosts reach past it, to the callback of a document");
+
 namespace {
 
 const char* skipBlanks(const char* text) {
@@ -54,14 +56,12 @@ void CqorBXML_Section::Destroy() {
 	mContent = nullptr;
 	mChildren = nullptr;
 	mVars = nullptr;
-	mByType = nullptr;
+	mLookup = nullptr;
 	mContentLength = mChildCount = mVarCount = 0;
-	mByTypeRoom = 0;
-	mSortedCount.store(0, std::memory_order_relaxed);
 }
 
 void CqorBXML_Section::typeChanges() {
-	if (mParent) mParent->mSortedCount.store(0, std::memory_order_relaxed);
+	if (mParent && mParent->mLookup) mParent->mLookup->sortedCount.store(0, std::memory_order_relaxed);
 }
 
 Arena* CqorBXML_Section::arena() {

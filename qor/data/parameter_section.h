@@ -2,7 +2,6 @@
 
 #include "../platform/export.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -185,16 +184,16 @@ private:
 	bool contains(const CqorBXML_Section* section) const;
 	CqorBXML_Section* nextBelow(const CqorBXML_Section* top);
 	struct TypeOrder;
-	bool sortChildren() const;
+	struct Lookup;
+	const Lookup* sortChildren() const;
 	bool sortChildrenFrom(int sorted) const;
 	CqorBXML_Section* childOfType(const parameter_file::PathName& type, int index) const;
 	CqorBXML_Section* childOfTypeFrom(int position, const parameter_file::PathName& type) const;
 	eqorBXML_VAR* varOfName(const parameter_file::PathName& name, int index) const;
 
-	std::int32_t mIndex = 0; // place among the parent's children
-	// So many of the children stand in `mByType`, sorted. Threads that look up may read it when this is their number.
-	mutable std::atomic<std::int32_t> mSortedCount{0};
+	// Documents hold a section in the middle of their fields, so it keeps its size: what a tree needs goes into
+	// its arena, and what a section needs into its record there.
+	std::int32_t mIndex = 0;                 // place among the parent's children
 	parameter_file::Arena* mArena = nullptr; // of the root that owns the memory; null until something is needed
-	mutable CqorBXML_Section** mByType = nullptr;
-	mutable std::uint32_t mByTypeRoom = 0;
+	mutable Lookup* mLookup = nullptr;       // in the arena; null until a lookup needs it
 };

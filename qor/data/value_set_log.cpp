@@ -1,4 +1,5 @@
 #include "../core/runtime.h"
+#include "../core/visible_text_internal.h"
 #include "../platform/format.h"
 #include "variable_blocks_internal.h"
 
@@ -8,6 +9,7 @@ namespace {
 
 constexpr size_t kLineSize = 8192;
 constexpr size_t kShownCharacters = 256;
+constexpr size_t kEscape = 4; // characters of the longest
 
 /// The line of one value; what does not fit is cut.
 class Line {
@@ -18,8 +20,11 @@ public:
 	}
 	void addString(const unsigned char* data, size_t size) {
 		if (size == 0) return;
-		const auto* text = reinterpret_cast<const char*>(data);
-		add("%.*s", static_cast<int>(strnlen(text, std::min(size, kShownCharacters))), text);
+		char text[kShownCharacters + 1] = "";
+		std::memcpy(text, data, std::min(size, kShownCharacters));
+		char visible[kShownCharacters * kEscape + 1];
+		core::copyVisible(visible, sizeof visible, text);
+		add("%s", visible);
 	}
 	template <class Number>
 	void addNumbers(const unsigned char* data, size_t count, const char* format) {
@@ -46,7 +51,9 @@ void logValue(const qorDVar_VALUESET* vs, const qorDVar_VALUE& value, const qorD
 	const size_t size = data ? static_cast<size_t>(value.mSize) : 0;
 	const size_t count = std::min(size / 4, static_cast<size_t>(std::max(definition.mCount, 0)));
 	Line line;
-	line.add("                %.31s = ", value.mID);
+	line.add("                ");
+	line.addString(reinterpret_cast<const unsigned char*>(value.mID), sizeof value.mID - 1);
+	line.add(" = ");
 	if (definition.mType == kVariableString) line.addString(data, size);
 	if (definition.mType == kVariableInt32) line.addNumbers<int32_t>(data, count, "%d,");
 	if (definition.mType == kVariableFloat32) line.addNumbers<float>(data, count, "%.5f,");
@@ -58,7 +65,10 @@ void logValue(const qorDVar_VALUESET* vs, const qorDVar_VALUE& value, const qorD
 void qorDVar_ValueSetHdr_Debug(const qorDVar_VALUESET* vs, const qorDVar_DATASET* schema) {
 	if (!vs) return;
 	appmsg("BEGIN> qorDVar_ValueSetHdr_Debug (%p)", static_cast<const void*>(vs));
-	appmsg("dvhdr       ID .................... %.127s", vs->mID);
+	Line head;
+	head.add("dvhdr       ID .................... ");
+	head.addString(reinterpret_cast<const unsigned char*>(vs->mID), sizeof vs->mID - 1);
+	head.write();
 	appmsg("            Count ................. %d", vs->mCount);
 	appmsg("            Total Byte Size ....... %d", vs->mTotalSize);
 	appmsg("            Vars:");

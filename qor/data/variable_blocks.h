@@ -208,6 +208,7 @@ QOR_API int qorDVar_Value_DecodeFromHexString(void* out, const char* hex, int le
 
 /// Logs the head of a value set and one line for each value that has a definition in
 /// `schema`: strings up to 256 characters, type 13 as "%d,", type 31 as "%.5f,", other types
-/// without their data. The type decides, as far as the value's size allows. Lines too long
-/// for the log are cut. Null: logs nothing.
+/// without their data. The type decides, as far as the value's size allows. Control characters
+/// in texts of the block stand as escapes such as "\n". Lines too long for the log are cut. Null:
+/// logs nothing. The set must last until the call returns, so a log callback leaves it alone.
 QOR_API void qorDVar_ValueSetHdr_Debug(const qorDVar_VALUESET* vs, const qorDVar_DATASET* schema);

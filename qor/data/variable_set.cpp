@@ -40,7 +40,11 @@ bool formatAside(char* out, size_t room, const char* format, va_list arguments) 
 
 } // namespace
 
+CqorDVar_DataSet::CqorDVar_DataSet() = default;
+
 CqorDVar_DataSet::~CqorDVar_DataSet() { Free(); }
+
+qorDVar_DATASET* CqorDVar_DataSet::GetBlock() const { return mBlock; }
 
 /// Owns a new block, which may be null, instead of the old one.
 void CqorDVar_DataSet::take(qorDVar_DATASET* block) {
@@ -97,7 +101,11 @@ qorDVar_DATATYPE* CqorDVar_DataSet::GetByID(const char* id) const {
 	return definitionAt(mBlock, find(definitions(mBlock), mIndex, id));
 }
 
+CqorDVar_ValueSet::CqorDVar_ValueSet(qorDVar_VALUESET* block) { Attach(block); }
+
 CqorDVar_ValueSet::~CqorDVar_ValueSet() { Free(); }
+
+qorDVar_VALUESET* CqorDVar_ValueSet::GetBlock() const { return mBlock; }
 
 /// Owns a new block instead of the old one; null leaves the old one.
 int CqorDVar_ValueSet::take(qorDVar_VALUESET* block) {

@@ -13,7 +13,7 @@ class IdentifierIndex;
 /// Identifiers in the block are not to be edited: the index would not know.
 class QOR_API CqorDVar_DataSet {
 public:
-	CqorDVar_DataSet() = default;
+	CqorDVar_DataSet();
 	~CqorDVar_DataSet();
 	CqorDVar_DataSet(const CqorDVar_DataSet&) = delete;
 	CqorDVar_DataSet& operator=(const CqorDVar_DataSet&) = delete;
@@ -39,7 +39,7 @@ public:
 
 	/// The block, null without one. It moves when a variable is added and must not be freed
 	/// or enlarged by others.
-	qorDVar_DATASET* GetBlock() const { return mBlock; }
+	qorDVar_DATASET* GetBlock() const;
 
 private:
 	void take(qorDVar_DATASET* block);
@@ -68,7 +68,7 @@ public:
 	/// Takes over a block of this library, which is freed with the set. One that is not sound
 	/// for its total size is not taken: `GetBlock` is null then, and the block is still the
 	/// caller's. For a block from outside see `CopyFromBlock`.
-	explicit CqorDVar_ValueSet(qorDVar_VALUESET* block = nullptr) { Attach(block); }
+	explicit CqorDVar_ValueSet(qorDVar_VALUESET* block = nullptr);
 	~CqorDVar_ValueSet();
 	CqorDVar_ValueSet(const CqorDVar_ValueSet&) = delete;
 	CqorDVar_ValueSet& operator=(const CqorDVar_ValueSet&) = delete;
@@ -87,7 +87,7 @@ public:
 
 	/// The block, null without one, for reading and for the functions that change values. It
 	/// must not be freed or replaced by others.
-	qorDVar_VALUESET* GetBlock() const { return mBlock; }
+	qorDVar_VALUESET* GetBlock() const;
 	/// Gives the block to the caller and leaves the set empty.
 	qorDVar_VALUESET* Detach();
 	/// Takes over a block as the constructor does, instead of the old one.

@@ -62,7 +62,8 @@ QOR_API int dltCalculateResidualsCamera(
 QOR_API int dltCalculateResidualsPlane(
     double* residuals, const double* parameters, const double* first, const double* second, int count);
 
-/// How good a calibration is. Image units are pixels when the image points are.
+/// How good a calibration is. Image units are pixels when the image points are. The record stays
+/// as it is: what is to come has a record of its own.
 struct DltQuality {
 	/// Root mean square of the residuals' lengths, image units.
 	double rms;
@@ -89,6 +90,7 @@ struct DltQuality {
 	/// projection, which has no position; 0 from `Plane`.
 	double positionErrors[3];
 };
+static_assert(sizeof(DltQuality) == 152);
 
 /// Judges parameters by the points. They should come from `dltRefineCamera` or `dltRefinePlane`
 /// for the standard deviations to hold. Points that would not calibrate are judged all the same:

@@ -6,6 +6,14 @@
 #include <cmath>
 #include <limits>
 
+CqorDLT8::CqorDLT8() = default;
+CqorDLT8::~CqorDLT8() = default;
+CqorDLT8::CqorDLT8(const CqorDLT8&) = default;
+CqorDLT8& CqorDLT8::operator=(const CqorDLT8&) = default;
+
+int CqorDLT8::GetPointCount() const { return mPointCount; }
+bool CqorDLT8::HasParameters() const { return mHasParameters; }
+
 void CqorDLT8::Reset() { *this = CqorDLT8(); }
 
 int CqorDLT8::AddPoint(double a, double b, double u, double v) {

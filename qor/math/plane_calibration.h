@@ -15,6 +15,11 @@ struct CqorDLT8Constants {
 /// not locked.
 class QOR_API CqorDLT8 : public CqorDLT8Constants {
 public:
+	CqorDLT8();
+	~CqorDLT8();
+	CqorDLT8(const CqorDLT8&);
+	CqorDLT8& operator=(const CqorDLT8&);
+
 	/// Forgets points and parameters.
 	void Reset();
 
@@ -30,14 +35,14 @@ public:
 	/// @return 0; 0x10000000, with the targets untouched, outside the list.
 	int GetPoint(int index, double* a, double* b, double* u, double* v) const;
 
-	int GetPointCount() const { return mPointCount; }
+	int GetPointCount() const;
 
 	/// Calculates the parameters from the points (`dlt2DDP_CalculateParameters`).
 	/// @return 0; 0x10000000 for fewer than 4 points or points that leave the parameters open.
 	///         There are no parameters then: those of former points would be misleading.
 	int CalculateParameters();
 
-	bool HasParameters() const { return mHasParameters; }
+	bool HasParameters() const;
 
 	/// Copies the 8 parameters out.
 	/// @return 0; 0x10000000 without parameters or for null.
@@ -71,4 +76,5 @@ private:
 	double mParameters[8] = {};
 	int mPointCount = 0;
 	bool mHasParameters = false;
+	void* mMore = nullptr; // for what is to come
 };

@@ -69,6 +69,8 @@ int CmsSession::IsRecording() const { return (mState & kSessionRecording) ? 1 : 
 
 int CmsSession::Feed(const void* frame) {
 	const double time = appGetTime();
+	// The list's mutex comes before the session's.
+	if ((mState & kSessionRecording) && mParts && !mParts->mLimitKnown) mParts->reserve();
 	base::MutexGuard guard(mMutex);
 	if (!frame || !guard.owns() || !mParts) return kQorFailure;
 	if (!mBuffer.Count()) {
@@ -106,10 +108,8 @@ int CmsSession::Feed(const void* frame) {
 int CmsSession::PrepareToRecord() {
 	if (mStorage) mStorage->WaitUntilWritten();
 	if (!mParts) return kQorSuccess;
-	const auto* list = mList ? mList->mParts : nullptr;
-	const long long limit = list ? list->framesThatFit(this) : storage_parts::kNoLimit;
+	mParts->reserve();
 	const base::MutexGuard guard(mMutex);
-	mParts->mFrameLimit = limit;
 	if (const char* refusal = mParts->refusal()) log(3, "No frames can be taken: %s", refusal);
 	return kQorSuccess;
 }
@@ -123,7 +123,11 @@ int CmsSession::StopRecord() {
 	platform::sleepMs(kStopPauseMs);
 	if (mParts) mParts->flushCurrentBuffer();
 	if (mStorage) mStorage->WaitUntilWritten();
-	if (mParts) mParts->waitForOwnBuffers();
+	if (mParts) {
+		mParts->waitForOwnBuffers();
+		const base::MutexGuard guard(mMutex);
+		mParts->endReservation();
+	}
 	// A list that could not be saved with the last buffer gets another chance.
 	if (mList && mList->IsUnsaved()) mList->Save();
 	return kQorSuccess;

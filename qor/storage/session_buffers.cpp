@@ -100,6 +100,7 @@ void CmsSession::FreeResources() {
 	}
 	const base::MutexGuard guard(mMutex);
 	mCurrentBuffer = nullptr;
+	if (mParts) mParts->endReservation();
 	for (emsSTORAGE_BUFFER* buffer : mBuffer) FreeBuffer()(buffer);
 	mBuffer.Delete(0, mBuffer.Count());
 }

@@ -16,7 +16,7 @@ long long bytesOf(const emsSTORAGE_SESSION& record) {
 	return std::max<long long>(record.mBytesWritten, counted);
 }
 
-const char* faultOf(const emsSTORAGE_SESSION& record, long long end, long long targetBytes) {
+const char* faultOf(const emsSTORAGE_SESSION& record, long long end, long long heldBytes) {
 	constexpr long long kIndexes = 1ll << 32;
 	const bool hasFrames = record.mFrameCount > 0 || record.mBytesWritten > 0;
 	if (!hasUsableSizes(record) || (!record.mFrameSize && hasFrames)) return "frame sizes";
@@ -25,18 +25,18 @@ const char* faultOf(const emsSTORAGE_SESSION& record, long long end, long long t
 	    end == kUnknownEnd) {
 		return "position";
 	}
-	if (targetBytes > 0 && end > targetBytes) return "frames beyond the end of the data target";
+	if (heldBytes != kUnknownSize && end > heldBytes) return "frames beyond the end of the data target";
 	return nullptr;
 }
 
 /// The frames whose place is known: those that were written, and that the target still holds.
-long long framesThere(const emsSTORAGE_SESSION& record, long long targetBytes) {
+long long framesThere(const emsSTORAGE_SESSION& record, long long heldBytes) {
 	const long long aligned = record.mAlignedFrameSize;
 	if (!aligned || !hasUsableSizes(record) || record.mBytesWritten < 0 || record.mStoragePos < 0 ||
 	    record.mStoragePos % kFrameAlignment) {
 		return 0;
 	}
-	const long long end = targetBytes > 0 ? targetBytes : kUnknownEnd;
+	const long long end = heldBytes != kUnknownSize ? heldBytes : kUnknownEnd;
 	const long long room = std::max(0ll, end - record.mStoragePos);
 	return std::min<long long>(record.mFrameCount, std::min<long long>(record.mBytesWritten, room) / aligned);
 }
@@ -61,13 +61,18 @@ void SessionClaim::include(long long begin, long long bytes) {
 	mEnd = std::max(mEnd, saturatedSum(begin, bytes));
 }
 
-SessionClaim claimOf(const emsSTORAGE_SESSION& record, long long targetBytes) {
+SessionClaim claimOf(const emsSTORAGE_SESSION& record, long long heldBytes, long long targetBytes) {
 	SessionClaim claim;
+	if (isEmptyRecord(record)) {
+		claim.mFault = "it is empty, and where its frames stand is not known";
+		claim.mEnd = kUnknownEnd;
+		return claim;
+	}
 	const long long bytes = bytesOf(record);
 	// A negative position is a damaged one: the frames may stand anywhere.
 	claim.include(std::max<long long>(record.mStoragePos, 0), record.mStoragePos < 0 && bytes ? kUnknownEnd : bytes);
-	claim.mFault = faultOf(record, claim.mEnd, targetBytes);
-	claim.mFramesThere = framesThere(record, targetBytes);
+	claim.mFault = faultOf(record, claim.mEnd, heldBytes);
+	claim.mFramesThere = framesThere(record, heldBytes);
 
 	// The first index stands in the record twice. Frames by their bytes, where these say more.
 	const bool countable = hasUsableSizes(record) && record.mAlignedFrameSize && record.mBytesWritten > 0;

@@ -43,10 +43,13 @@ struct SessionClaim {
 	void include(long long begin, long long bytes);
 };
 
-/// @param targetBytes what the target holds; 0: unknown, nothing is held against it.
-SessionClaim claimOf(const emsSTORAGE_SESSION& record, long long targetBytes);
+inline constexpr long long kUnknownSize = -1;
 
-/// Whether a record holds nothing at all: no frames, no size, no text.
+/// @param heldBytes   what the target held when it was opened; `kUnknownSize`: nothing is held against it.
+/// @param targetBytes what it holds now that it was extended; at least `heldBytes`.
+SessionClaim claimOf(const emsSTORAGE_SESSION& record, long long heldBytes, long long targetBytes);
+
+/// Whether a record holds nothing at all: no frames, no size, no text. In a file it is a page that was lost.
 bool isEmptyRecord(const emsSTORAGE_SESSION& record);
 
 } // namespace storage_parts

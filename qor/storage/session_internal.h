@@ -32,6 +32,11 @@ struct SessionParts {
 
 	/// Starts as a session of the host's own making.
 	void startAnew();
+	/// Finds out how far the session can go, and keeps others from going there. Any thread, without the
+	/// session mutex.
+	void reserve();
+	/// Frames may stand behind these by the next one.
+	void endReservation();
 	bool takesFrames() const;
 	void storeFrame(const void* frame, double time);
 	void queueCurrentBuffer();
@@ -48,8 +53,8 @@ struct SessionParts {
 	/// The record as the list file gets it. Any thread.
 	emsSTORAGE_SESSION savedRecord() const;
 	/// For a record from a file: what it claims, and which of its frames can be played.
-	/// @param targetBytes what the target holds; 0: unknown.
-	void judge(long long targetBytes);
+	/// @param heldBytes, targetBytes as in `claimOf`.
+	void judge(long long heldBytes, long long targetBytes);
 	/// The same and what later buffers have added. Any thread.
 	SessionClaim claim() const;
 	/// Frames that stand where they are found. Any thread.
@@ -60,13 +65,17 @@ struct SessionParts {
 	const char* refusal() const;
 
 	CmsSession& mOwner;
-	uint32_t mUnwritten = 0;          // frames of the record's count whose data and index are not on the disk
-	long long mFrameLimit = kNoLimit; // frames that fit before another session's
-	bool mClosed = false;             // index records were lost: frames behind them could not be found
-	bool mLoaded = false;             // the record came from a list file
-	SessionClaim mClaim;              // of a loaded record
-	std::atomic<int> mOnTheirWay{0};  // buffers queued or being written; any thread
-	LiveCounters mCounters;           // any thread
+	uint32_t mUnwritten = 0; // frames of the record's count whose data and index are not on the disk
+	/// Frames that fit before another session's. Set by `SessionListParts::reserve`, which any
+	/// session that is reserved later may lower; until then nobody knows it.
+	long long mFrameLimit = kNoLimit;
+	std::atomic<bool> mLimitKnown{false};
+	bool mReserved = false;          // the places behind the last frame are kept free by others
+	bool mClosed = false;            // index records were lost: frames behind them could not be found
+	bool mLoaded = false;            // the record came from a list file
+	SessionClaim mClaim;             // of a loaded record
+	std::atomic<int> mOnTheirWay{0}; // buffers queued or being written; any thread
+	LiveCounters mCounters;          // any thread
 };
 
 } // namespace storage_parts

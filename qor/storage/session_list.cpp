@@ -1,6 +1,7 @@
 #include "session_list.h"
 
 #include "../base/status.h"
+#include "../base/wait_guard.h"
 #include "../platform/folder.h"
 #include "../platform/machine.h"
 #include "session_internal.h"
@@ -68,15 +69,9 @@ int CmsSessionList::Load() { return mParts && mParts->load() ? kQorSuccess : kQo
 int CmsSessionList::Save() { return mParts && mParts->save() ? kQorSuccess : kQorFailure; }
 
 CmsSession* CmsSessionList::Add(const emsSTORAGE_SESSION* record) {
-	if (!record || !mParts || GetCount() >= kMaximumSessions) return nullptr;
-	auto* session = new (std::nothrow) CmsSession;
-	if (!session) return nullptr;
-	session->mStorage = mStorage;
-	session->mList = this;
-	session->mIndexList = mIndexList;
-	if (session->Create(record) == kQorSuccess && mParts->add(session)) return session;
-	delete session;
-	return nullptr;
+	// In the file a record of zeros would be taken for one that was lost.
+	if (!record || !mParts || storage_parts::isEmptyRecord(*record)) return nullptr;
+	return mParts->addSession(*record);
 }
 
 void CmsSessionList::DeleteAll() {
@@ -95,9 +90,19 @@ namespace storage_parts {
 
 // ---- sessions
 
-bool SessionListParts::add(CmsSession* session) {
-	const std::lock_guard guard(mListMutex);
-	return mSessions.Add(session);
+CmsSession* SessionListParts::addSession(const emsSTORAGE_SESSION& record) {
+	if (count() >= kMaximumSessions) return nullptr;
+	auto* session = new (std::nothrow) CmsSession;
+	if (!session) return nullptr;
+	session->mStorage = mList.mStorage;
+	session->mList = &mList;
+	session->mIndexList = mList.mIndexList;
+	if (session->Create(&record) == kQorSuccess) {
+		const std::lock_guard guard(mListMutex);
+		if (mSessions.Add(session)) return session;
+	}
+	delete session;
+	return nullptr;
 }
 
 int SessionListParts::count() const {
@@ -172,20 +177,45 @@ long long SessionListParts::claimedIndex() const {
 	return end;
 }
 
-long long SessionListParts::framesThatFit(const CmsSession* session) const {
+/// Sessions that record at the same time stand one behind the other, wherever the host has put
+/// them: who comes later ends who stands before it, and gets nothing where somebody is.
+void SessionListParts::reserve(CmsSession* session) {
+	const std::lock_guard guard(mListMutex);
 	const emsSTORAGE_SESSION own = session->GetRecord();
 	const long long size = own.mAlignedFrameSize;
-	if (!size || own.mStoragePos < 0) return 0;
-	long long frames = kNoLimit;
-	const long long end = placeOfFrame(own, own.mFrameCount);
+	long long frames = size && own.mStoragePos >= 0 ? kNoLimit : 0;
+	for (CmsSession* other : mSessions) {
+		if (other != session && frames > own.mFrameCount) frames = std::min(frames, roomBeside(own, *other));
+	}
+	const base::MutexGuard sessionGuard(session->mMutex);
+	SessionParts& parts = *session->mParts;
+	parts.mFrameLimit = frames;
+	parts.mReserved = frames > own.mFrameCount;
+	parts.mLimitKnown = true;
+}
+
+/// Also ends the other one before `own`, where it was given places that reach there.
+long long SessionListParts::roomBeside(const emsSTORAGE_SESSION& own, CmsSession& other) {
+	const long long size = own.mAlignedFrameSize;
+	const base::MutexGuard guard(other.mMutex);
+	SessionParts& parts = *other.mParts;
+	const emsSTORAGE_SESSION& record = other.mSession;
+	SessionClaim claim = parts.claim();
+	if (parts.mReserved && !record.mFrameCount) { // its first frame is as good as there
+		claim.include(record.mStoragePos, record.mAlignedFrameSize);
+		claim.mEndIndex = claim.mFirstIndex + 1;
+	}
+	const long long room =
+	    roomBefore(own.mStoragePos, placeOfFrame(own, own.mFrameCount), claim.mBegin, claim.mEnd) / size;
 	const long long endIndex = static_cast<long long>(own.mFirstIndex) + own.mFrameCount;
-	const std::lock_guard guard(mListMutex);
-	for (const CmsSession* other : mSessions) {
-		if (other == session) continue;
-		const SessionClaim claim = other->mParts->claim();
-		const long long room = roomBefore(own.mStoragePos, end, claim.mBegin, claim.mEnd);
-		const long long indexRoom = roomBefore(own.mFirstIndex, endIndex, claim.mFirstIndex, claim.mEndIndex);
-		frames = std::min({frames, room / size, indexRoom});
+	const long long frames = std::min(room, roomBefore(own.mFirstIndex, endIndex, claim.mFirstIndex, claim.mEndIndex));
+	if (frames > own.mFrameCount && parts.mReserved) {
+		long long& limit = parts.mFrameLimit;
+		if (record.mStoragePos < own.mStoragePos) {
+			limit = std::min<long long>(limit, (own.mStoragePos - record.mStoragePos) / record.mAlignedFrameSize);
+		}
+		if (record.mFirstIndex < own.mFirstIndex)
+			limit = std::min<long long>(limit, own.mFirstIndex - record.mFirstIndex);
 	}
 	return frames;
 }

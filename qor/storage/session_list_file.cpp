@@ -103,11 +103,10 @@ bool SessionListParts::loadRecords(const std::string& bytes) {
 	}
 	const size_t left = space % kRecordSize;
 	const size_t telling = space / kRecordSize + (left >= kTellingSize ? 1 : 0);
-	bool whole = rightSize;
 	for (size_t i = 0; i < telling; ++i) {
 		const size_t offset = kCountSize + i * kRecordSize;
 		const size_t size = std::min(kRecordSize, bytes.size() - offset);
-		whole = loadRecord(bytes.data() + offset, size, static_cast<int>(i)) && whole;
+		loadRecord(bytes.data() + offset, size);
 	}
 	{
 		const std::lock_guard guard(mListMutex);
@@ -119,22 +118,17 @@ bool SessionListParts::loadRecords(const std::string& bytes) {
 		    static_cast<int>(std::max<uint32_t>(mMissing, 1)));
 	}
 	const std::lock_guard guard(mFileMutex);
-	mDamaged = !rightSize || !whole;
-	return whole;
+	mDamaged = !rightSize;
+	return rightSize;
 }
 
-/// @return false when the record had to be left out. Throws without memory for it.
-bool SessionListParts::loadRecord(const char* place, size_t size, int number) {
+/// Throws without memory for the session.
+void SessionListParts::loadRecord(const char* place, size_t size) {
 	emsSTORAGE_SESSION record = {};
 	std::memcpy(&record, place, size);
-	if (isEmptyRecord(record)) {
-		mList.log(3, "%s: session %d left out: it is empty", mPath.c_str(), number);
-		return false;
-	}
-	CmsSession* session = mList.Add(&record);
+	CmsSession* session = addSession(record);
 	if (!session) throw std::bad_alloc();
-	session->mParts->judge(0);
-	return true;
+	session->mParts->judge(kUnknownSize, 0);
 }
 
 void SessionListParts::judgeSessions() {
@@ -142,7 +136,7 @@ void SessionListParts::judgeSessions() {
 	for (int i = 0; i < count(); ++i) {
 		CmsSession& session = *this->session(i);
 		if (!session.mParts->mLoaded) continue;
-		session.mParts->judge(storage ? storage->mHeldBytes : 0);
+		session.mParts->judge(storage ? storage->mHeldBytes : kUnknownSize, storage ? storage->mTargetBytes : 0);
 		followIndex(session, i);
 		reportClaim(session, i);
 	}

@@ -29,7 +29,8 @@ public:
 	bool isRead() const { return mRead.load(std::memory_order_acquire); }
 	void forgetFile();
 
-	bool add(CmsSession* session);
+	/// @return null when the list is full, or without memory.
+	CmsSession* addSession(const emsSTORAGE_SESSION& record);
 	int count() const;
 	CmsSession* session(int index) const;
 	int indexOf(const CmsSession* session) const;
@@ -52,9 +53,9 @@ public:
 	/// Behind everything that any record claims; `kUnknownEnd` when nobody knows.
 	long long claimedEnd() const;
 	long long claimedIndex() const;
-	/// Frames that a session, taken up again, can go on to before it meets another one's
-	/// claim on the target or in the index file.
-	long long framesThatFit(const CmsSession* session) const;
+	/// Gives a session the places behind its last frame, up to another one's claim on the target
+	/// or in the index file; those that were given places reaching into these end before them.
+	void reserve(CmsSession* session);
 	/// Sessions were removed, and the saved list still has them.
 	bool owesRemoval() const { return mOwesRemoval.load(std::memory_order_acquire); }
 
@@ -64,7 +65,8 @@ public:
 private:
 	bool readFile(std::string* bytes) const;
 	bool loadRecords(const std::string& bytes);
-	bool loadRecord(const char* place, size_t size, int number);
+	void loadRecord(const char* place, size_t size);
+	static long long roomBeside(const emsSTORAGE_SESSION& own, CmsSession& other);
 	void reportClaim(const CmsSession& session, int number) const;
 	void followIndex(CmsSession& session, int number) const;
 	bool snapshot(unsigned* removals);

@@ -31,10 +31,23 @@ void LiveCounters::copyTo(emsSTORAGE_COUNTERS* out) const {
 
 void SessionParts::startAnew() {
 	mUnwritten = 0;
-	mFrameLimit = kNoLimit;
+	endReservation();
 	mClosed = mLoaded = false;
 	mClaim = SessionClaim();
 	mCounters.clear();
+}
+
+void SessionParts::reserve() {
+	if (mOwner.mList && mOwner.mList->mParts) return mOwner.mList->mParts->reserve(&mOwner);
+	const base::MutexGuard guard(mOwner.mMutex);
+	mFrameLimit = kNoLimit;
+	mLimitKnown = true;
+}
+
+void SessionParts::endReservation() {
+	mFrameLimit = kNoLimit;
+	mLimitKnown = false;
+	mReserved = false;
 }
 
 // ---- taking frames
@@ -44,7 +57,7 @@ void SessionParts::startAnew() {
 bool SessionParts::takesFrames() const {
 	const emsSTORAGE_SESSION& record = mOwner.mSession;
 	const CmsStorage* storage = mOwner.mStorage;
-	if (refusal() || record.mFrameCount >= record.mMaxFrameCount) return false;
+	if (!mLimitKnown || refusal() || record.mFrameCount >= record.mMaxFrameCount) return false;
 	const long long end = placeOfFrame(record, static_cast<long long>(record.mFrameCount) + 1);
 	return end <= storage->GetTotalSpace();
 }
@@ -56,7 +69,8 @@ const char* SessionParts::refusal() const {
 	if (mLoaded && (mClaim.mFault || mClaim.mFramesThere < mOwner.mSession.mFrameCount - mUnwritten)) {
 		return "the session's record cannot be believed";
 	}
-	if (mFrameLimit <= mOwner.mSession.mFrameCount) return "frames of another session stand behind these";
+	if (mLimitKnown && mFrameLimit <= mOwner.mSession.mFrameCount)
+		return "frames of another session stand behind these";
 	const SessionListParts* list = mOwner.mList ? mOwner.mList->mParts : nullptr;
 	if (list && list->owesRemoval()) return "removed sessions still stand in the saved list";
 	return nullptr;
@@ -140,10 +154,10 @@ emsSTORAGE_SESSION SessionParts::savedRecord() const {
 	return record;
 }
 
-void SessionParts::judge(long long targetBytes) {
+void SessionParts::judge(long long heldBytes, long long targetBytes) {
 	const base::MutexGuard guard(mOwner.mMutex);
 	mLoaded = true;
-	mClaim = claimOf(mOwner.mSession, targetBytes);
+	mClaim = claimOf(mOwner.mSession, heldBytes, targetBytes);
 }
 
 SessionClaim SessionParts::claim() const {

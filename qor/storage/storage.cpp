@@ -135,14 +135,15 @@ long long CmsStorage::driveWrite(const void* buffer, long long size, emsSTORAGE_
 	if (!buffer || size <= 0 || !mParts) return 0;
 	const auto* data = static_cast<const unsigned char*>(buffer);
 	const bool direct = isAligned(buffer);
-	mParts->mUnflushed = true;
-	return mParts->moveInPieces(size, progress, [&](long long offset, uint32_t piece) -> uint32_t {
+	const long long moved = mParts->moveInPieces(size, progress, [&](long long offset, uint32_t piece) -> uint32_t {
 		if (direct) return mParts->mDrive->write(data + offset, piece);
 		unsigned char* pages = mParts->bouncePages();
 		if (!pages) return 0;
 		std::memcpy(pages, data + offset, piece);
 		return mParts->mDrive->write(pages, piece);
 	});
+	mParts->mUnflushed = true; // only now: a flush that ran beside the write may have missed it
+	return moved;
 }
 
 long long CmsStorage::driveRead(void* buffer, long long size, emsSTORAGE_PROGRESS* progress) {
@@ -207,7 +208,9 @@ int CmsStorage::CalculateSession(emsSTORAGE_SESSION* record, unsigned int frameS
 	    claimed == storage_parts::kUnknownEnd ? std::max(total, mSessionList.GetMaxStoragePos()) : claimed;
 	record->mFrameSize = frameSize;
 	record->mAlignedFrameSize = (frameSize + kFrameAlignment - 1) / kFrameAlignment * kFrameAlignment;
-	record->mStoragePos = end ? end : kFirstStoragePos;
+	// Behind a damaged record the end may stand anywhere; frames do not.
+	const long long odd = end % kFrameAlignment;
+	record->mStoragePos = end ? storage_parts::saturatedSum(end, odd ? kFrameAlignment - odd : 0) : kFirstStoragePos;
 	record->mFirstIndex = static_cast<uint32_t>(std::min<long long>(mSessionList.mParts->claimedIndex(), kLastIndex));
 	const long long room = std::max(0ll, total - record->mStoragePos) / record->mAlignedFrameSize;
 	const long long indexes = kLastIndex - record->mFirstIndex;

@@ -51,9 +51,9 @@ struct StorageParts {
 	std::unique_ptr<platform::File> mDrive;      // the data target; under the drive mutex
 	std::unique_ptr<platform::File> mFlushDrive; // the same, opened once more, for `flushTarget` alone
 	std::atomic<bool> mUnflushed{false};
-	long long mTotalSize = 0;   // bytes
-	long long mTargetBytes = 0; // at least the total size
-	long long mHeldBytes = 0;   // of these, what was there before Create; frames stand nowhere else
+	long long mTotalSize = 0;            // bytes
+	long long mTargetBytes = 0;          // at least the total size
+	long long mHeldBytes = kUnknownSize; // of these, what was there before Create; frames stand nowhere else
 	long long mCylinders = 0;
 	unsigned int mTracksPerCylinder = 0;
 	unsigned int mSectorsPerTrack = 0;

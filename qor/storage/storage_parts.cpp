@@ -47,7 +47,8 @@ void StorageParts::closeTarget() {
 	mDrive.reset();
 	mFlushDrive.reset();
 	mUnflushed = false;
-	mTotalSize = mTargetBytes = mHeldBytes = mCylinders = 0;
+	mTotalSize = mTargetBytes = mCylinders = 0;
+	mHeldBytes = kUnknownSize;
 	mTracksPerCylinder = mSectorsPerTrack = mBytesPerSector = 0;
 }
 

@@ -28,8 +28,8 @@ public:
 		mSeed += static_cast<unsigned>(mPromises.size());
 		createIn(mStorage, "", kDataMB);
 	}
-	CmsSession* start(int buffers = 3) {
-		CmsSession* session = begin(mStorage, kFrameSize, buffers, 2);
+	CmsSession* start(int buffers = 3, unsigned ahead = 0) {
+		CmsSession* session = begin(mStorage, kFrameSize, buffers, 2, ahead);
 		if (session) session->SetUserData(&++mSeed, sizeof(mSeed));
 		return session;
 	}
@@ -226,8 +226,8 @@ TEST_F(PowerCut, NothingPromisedIsLost) {
 TEST_F(PowerCut, SessionsEndBesideBusyNeighbours) {
 	PowerCutDisk disk;
 	Recorder recorder(disk);
-	CmsSession* busy = recorder.start(8);
 	CmsSession* one = recorder.start();
+	CmsSession* busy = recorder.start(8, 10);
 	int frames = 0;
 	disk.beforeFlushes("index", [&] {
 		for (int i = 0; i < 2 && frames < 60; ++i) {

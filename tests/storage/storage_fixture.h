@@ -25,10 +25,13 @@ inline void createIn(CmsStorage& storage, const std::string& folder, int sizeMB)
 	storage.Create((folder + "/list").c_str(), (folder + "/index").c_str(), (folder + "/data").c_str(), sizeMB);
 }
 
-/// A session ready for Feed; null when that is refused.
-inline CmsSession* begin(CmsStorage& storage, unsigned frameSize = 5000, int buffers = 3, int frames = 4) {
+/// A session ready for Feed, `ahead` frames behind the last one; null when that is refused.
+inline CmsSession* begin(
+    CmsStorage& storage, unsigned frameSize = 5000, int buffers = 3, int frames = 4, unsigned ahead = 0) {
 	emsSTORAGE_SESSION record;
 	if (storage.CalculateSession(&record, frameSize) != 0) return nullptr;
+	record.mStoragePos += static_cast<long long>(ahead) * record.mAlignedFrameSize;
+	record.mFirstIndex = record.mFirstIndex2 += ahead;
 	CmsSession* session = storage.GetSessionList().Add(&record);
 	if (!session || session->AllocResources(buffers, frames) != 0) return nullptr;
 	session->SetRecording(true);

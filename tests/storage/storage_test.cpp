@@ -151,6 +151,25 @@ TEST_F(StorageTest, PositionsBeyondFourGigabytes) {
 	for (int i = 0; i < 4; ++i) EXPECT_TRUE(isThere(session, i, i)) << i;
 }
 
+TEST_F(StorageTest, SessionsThatRecordAtTheSameTimeNeverMeet) {
+	create(mStorage, 8);
+	CmsSession* front = begin(mStorage, 100);
+	ASSERT_EQ(feed(*front, 0, 3), 3);
+	CmsSession* behind = begin(mStorage, 100); // behind the three frames that front has now
+	CmsSession* same = begin(mStorage, 100);   // where behind will put its first frame
+	EXPECT_TRUE(hasLogged("No frames can be taken: frames of another session"));
+	EXPECT_EQ(feed(*same, 0, 2), 0);
+	EXPECT_EQ(feed(*front, 3, 2), 0);
+	EXPECT_EQ(feed(*behind, 0, 4), 4);
+	for (CmsSession* session : {front, behind, same}) session->StopRecord();
+	front->SetRecording(true); // taken up again without preparing
+	EXPECT_EQ(feed(*front, 3, 2), 0);
+	behind->SetRecording(true);
+	EXPECT_EQ(feed(*behind, 4, 2), 2);
+	behind->StopRecord();
+	for (int i = 0; i < 6; ++i) EXPECT_TRUE(isThere(*behind, i, i) && (i > 2 || isThere(*front, i, i))) << i;
+}
+
 /// Two sessions, three and four frames, all of 100 bytes.
 class DamagedStorage : public StorageTest {
 protected:
@@ -229,6 +248,33 @@ TEST_F(DamagedStorage, NoChangedByteOfARecordFreesItsSpace) {
 		EXPECT_TRUE(taken || readFile(path("list")).substr(4, 1680) == damaged.substr(4));
 		ASSERT_EQ(framesLeft(), 7);
 	}
+}
+
+TEST_F(DamagedStorage, RecordsOfZerosAndOddEndsCostNoFrames) {
+	for (const size_t record : {0, 1}) {
+		std::string damaged = mList;
+		std::fill_n(damaged.begin() + 4 + 840 * record, 840, '\0');
+		writeFile(path("list"), damaged);
+		create(mStorage, 8);
+		EXPECT_TRUE(mStorage.GetSessionList().GetCount() == 2 && mStorage.GetAvailableSpace() == 0);
+		EXPECT_EQ(mStorage.GetSessionList().Save(), 0);
+		EXPECT_EQ(readFile(path("list")), damaged);
+		EXPECT_EQ(framesLeft(), 7);
+	}
+	std::string odd = mList;
+	odd[4 + 840 + 16] ^= 1; // bytes written
+	mStorage.Destroy();
+	writeFile(path("list"), odd);
+	create(mStorage, 8);
+	CmsSession* more = begin(mStorage, 100);
+	ASSERT_TRUE(more && feed(*more, 0, 3) == 3);
+	more->StopRecord();
+	EXPECT_TRUE(isThere(*more, 2, 2));
+	EXPECT_EQ(framesLeft(), 7);
+	mStorage.Destroy();
+	fs::resize_file(path("data"), 0); // what a copy that failed leaves
+	create(mStorage, 8);
+	EXPECT_EQ(mStorage.GetSessionList().GetSession(1)->GetWrittenFrameCount(), 0u);
 }
 
 TEST_F(DamagedStorage, RecordsThatCannotBeTrueAreNamedAndWrittenBack) {

@@ -9,7 +9,6 @@
 
 #include <cstdarg>
 #include <cstring>
-#include <utility>
 
 /// What a plug-in may write, and as much again that it must not: a reply that runs on is
 /// found by its missing terminator instead of by what it destroyed. Cleared, so that a reply
@@ -26,7 +25,8 @@ CqorSIO_Object::~CqorSIO_Object() { piRetire(); }
 
 void CqorSIO_Object::piRetire() {
 	if (!mPlace) return;
-	plugins::retire(std::exchange(mPlace, nullptr)); // from here on the place may be another's
+	plugins::retire(mPlace);
+	mPlace = nullptr; // events on other threads have used it up to here; from now on it may be another's
 	OnRetire();
 }
 

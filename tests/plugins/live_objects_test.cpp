@@ -202,7 +202,7 @@ void changeWhileCalled(Object& object, Call call) {
 	};
 	std::thread one(callOn), other(callOn);
 	std::vector<std::unique_ptr<Context>> contexts;
-	for (int i = 0; i < 300 || right < 300; ++i) {
+	for (int i = 0; i < 100 || right < 100; ++i) {
 		contexts.push_back(std::unique_ptr<Context>(new Context{i % 3}));
 		object.SetUserCallBack(callbacks[i % 3], i % 3 == 2 ? nullptr : contexts.back().get());
 		if (i > 0) contexts[static_cast<size_t>(i) - 1]->alive = false;

@@ -1,5 +1,6 @@
 #include "support/refused_allocations.h"
 
+#include <qor/core/class_manager.h>
 #include <qor/plugins/dynamic_module_list.h>
 #include <qor/plugins/plugin_manager.h>
 #include <qor/plugins/video_capture.h>
@@ -22,7 +23,7 @@ int device(void*, unsigned long code, unsigned long, unsigned long, void* p1, vo
 std::unique_ptr<CqorSIO_VideoCap> made;
 
 int create(void*, unsigned long, unsigned long, unsigned long, void* p1, void*) {
-	made.reset(new (std::nothrow) CqorSIO_VideoCap);
+	made.reset(static_cast<CqorSIO_VideoCap*>(qorMCGetManager()->classNew("CqorSIO_VideoCap")));
 	static_cast<eqorSIO_CREATE_VIDEOCAP*>(p1)->mObject = made.get();
 	return 0;
 }

@@ -142,7 +142,7 @@ unsigned long CstFile::Write(const void* data, unsigned long n) {
 	if (isWriterCalling() || !mHandle || (mStreamFlags & kReadStreaming)) return 0;
 	auto* bytes = const_cast<void*>(data); // one pointer serves both directions
 	if (!notify(kCallBackWrite, n, bytes) || !mHandle || (mStreamFlags & kReadStreaming)) return 0;
-	return writeStreaming() ? mStream->write(data, n) : callBackEnd(base::kCodeWrite, n, bytes);
+	return writeStreaming() ? mStream.load()->write(data, n) : callBackEnd(base::kCodeWrite, n, bytes);
 }
 
 unsigned long CstFile::Read(void* buffer, unsigned long n) {
@@ -185,22 +185,22 @@ void* CstFile::GetMemoryBlock() const {
 	return mHandle && IsMemFile() ? static_cast<const CstMemFile*>(mHandle)->GetBuffer() : nullptr;
 }
 
-const estFILE_STREAM* CstFile::GetStreamInfo() const { return mStream; }
+const estFILE_STREAM* CstFile::GetStreamInfo() const { return mStream.load(); }
 
 void CstFile::SetCallBack(CstFileCallBack callBack) {
 	mCallBack = callBack;
-	if (mStream) mStream->setCallBack(callBack);
+	if (auto* stream = mStream.load()) stream->setCallBack(callBack);
 }
 
 void CstFile::SetWriteStreamPackSize(unsigned long bytes) {
 	if (bytes == 0 || bytes > UINT32_MAX) return;
 	mWritePackSize = static_cast<uint32_t>(bytes);
-	if (mStream) mStream->setPackSize(mWritePackSize);
+	if (auto* stream = mStream.load()) stream->setPackSize(mWritePackSize);
 }
 
 /// @return whether this object is still there; what else it was may have changed, too.
 bool CstFile::notify(unsigned long code, unsigned long a, void* p) {
-	const auto callBack = mCallBack;
+	const auto callBack = mCallBack.load();
 	if (!callBack) return true;
 	const base::ObjectWatch watch(mWatches);
 	base::callHost("CstFile", [&] { callBack(this, code, 0, a, p); });
@@ -232,14 +232,17 @@ unsigned long CstFile::FinishStreaming() {
 	return kQorSuccess;
 }
 
-unsigned long long CstFile::GetLostBytes() const { return mStream ? mStream->mLostBytes.load() : mLostBytes; }
+unsigned long long CstFile::GetLostBytes() const {
+	const auto* stream = mStream.load();
+	return stream ? stream->mLostBytes.load() : mLostBytes;
+}
 
 /// @return whether this object is still there.
 bool CstFile::finish() { return notify(kCallBackFinishBegin) && endStreaming() && notify(kCallBackFinishEnd); }
 
 /// Takes the stream off, so that callbacks find none, and ends it. @return as `finish`.
 bool CstFile::endStreaming() {
-	auto* stream = std::exchange(mStream, nullptr);
+	auto* stream = mStream.exchange(nullptr);
 	const bool writes = writeStreaming();
 	mStreamFlags = 0;
 	if (!stream) return true;
@@ -261,13 +264,15 @@ bool CstFile::endStreaming() {
 }
 
 estFILE_STREAM_BUFFER* CstFile::FlushToNextBuffer() {
-	return mStream && !isWriterCalling() ? mStream->next() : nullptr;
+	auto* stream = mStream.load();
+	return stream && !isWriterCalling() ? stream->next() : nullptr;
 }
 
 unsigned long CstFile::FlushBuffer(estFILE_STREAM_BUFFER* buffer) {
-	if (isWriterCalling() || !mStream || !mStream->owns(buffer)) return kQorFailure;
+	auto* stream = mStream.load();
+	if (isWriterCalling() || !stream || !stream->owns(buffer)) return kQorFailure;
 	if (base::FileStream::isWriters(*buffer)) return kQorSuccess;
-	auto* stream = mStream->share(); // a callback may end it
+	stream->share(); // a callback may end it
 	flushHere(*stream, *buffer, true);
 	stream->drop();
 	return kQorSuccess;
@@ -285,9 +290,10 @@ bool CstFile::flushHere(base::FileStream& stream, estFILE_STREAM_BUFFER& buffer,
 }
 
 unsigned long CstFile::ResetBuffer(estFILE_STREAM_BUFFER* buffer) {
-	if (isWriterCalling() || !mStream || !mStream->owns(buffer) || base::FileStream::isWriters(*buffer))
+	auto* stream = mStream.load();
+	if (isWriterCalling() || !stream || !stream->owns(buffer) || base::FileStream::isWriters(*buffer))
 		return kQorFailure;
-	mStream->markFree(*buffer);
+	stream->markFree(*buffer);
 	return kQorSuccess;
 }
 

@@ -260,8 +260,9 @@ private:
 	void* mHandle = nullptr; // the back end's; null when closed
 	CstFileBackEnd mBackEnd = nullptr;
 	uint32_t mStreamFlags = 0;
-	base::FileStream* mStream = nullptr; // the record that `GetStreamInfo` shows
-	CstFileCallBack mCallBack = nullptr;
+	// Also read and set by the writer's callback:
+	std::atomic<base::FileStream*> mStream{nullptr}; // the record that `GetStreamInfo` shows
+	std::atomic<CstFileCallBack> mCallBack{nullptr};
 	uint32_t mWritePackSize = 0x20000; // bytes
 	bool mDiskFile = false;
 	base::OpenedFile* mOpened = nullptr;   // null when closed

@@ -289,12 +289,18 @@ int recordSession(
 		return trouble("cannot create " + files.framesFile(info.framesFileId));
 	FrameSink sink(*session, options.frames);
 	device.SetUserCallBack(FrameSink::callback, &sink);
+	// The sink must not be called once it is gone, whatever the camera refuses.
+	const auto giveUp = [&] {
+		device.cmdStop();
+		device.SetUserCallBack(nullptr, nullptr);
+		return kExitTrouble;
+	};
 	if (!applied("its buffers", device.cmdAllocInternalBuffers(options.cameraBuffers)) ||
 	    !applied("to prepare", device.cmdPrepare()))
-		return kExitTrouble;
+		return giveUp();
 	session->PrepareToRecord();
 	session->SetRecording(true);
-	if (!applied("to start", device.cmdStart())) return kExitTrouble;
+	if (!applied("to start", device.cmdStart())) return giveUp();
 	const double seconds = acquire(device, *session, sink, records, options);
 
 	// In order: no more frames, everything on the disk, then the camera's memory.

@@ -210,7 +210,12 @@ void BufferWriter::commit(BufferChain batch) {
 		const auto more = static_cast<unsigned long long>(buffer->mFramesUsed - buffer->mFramesLost);
 		buffer->mSession->mParts->count(&LiveCounters::mLostFrames, more);
 	}
-	settle(batch, !anyFrames || mStorage.mSessionList.Save() == kQorSuccess);
+	if (anyFrames) {
+		settle(batch, mStorage.mSessionList.Save() == kQorSuccess);
+		return;
+	}
+	const std::lock_guard guard(mWrittenMutex);
+	while (emsSTORAGE_BUFFER* buffer = batch.takeFirst()) release(buffer);
 }
 
 /// Hands the index records to the medium, with one second chance for what failed.

@@ -174,10 +174,12 @@ public:
 	void SetRecording(bool on);
 	/// @return 1 or 0.
 	int IsRecording() const;
-	/// Waits until the storage has written all queued buffers of every session, and checks
-	/// that the session's room on the target does not run into another session's frames; where
-	/// it does, the session takes only the frames that fit. Why a session takes none is
-	/// logged. @return 0.
+	/// Waits until the storage has written all queued buffers of every session, and finds out how
+	/// far the session can go on the target and in the index file before it meets another one's
+	/// frames; it takes only the frames that fit. (Without this call the first `Feed` of a recording
+	/// finds it out.) Of two sessions that record at once, the one in front ends where the other
+	/// begins, and of two at one place the first one prepared has it: give the first a smaller maximum
+	/// and the second the place behind. Why a session takes none is logged. @return 0.
 	int PrepareToRecord();
 	/// Clears the recording bit, queues the frames left in the current buffer and waits until
 	/// the storage has written all that was queued until then, session list included; other

@@ -4,6 +4,7 @@
 #include "power_cut_disk.h"
 #include "storage_fixture.h"
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -28,8 +29,8 @@ public:
 		mSeed += static_cast<unsigned>(mPromises.size());
 		createIn(mStorage, "", kDataMB);
 	}
-	CmsSession* start(int buffers = 3, unsigned ahead = 0) {
-		CmsSession* session = begin(mStorage, kFrameSize, buffers, 2, ahead);
+	CmsSession* start(int buffers = 3) {
+		CmsSession* session = begin(mStorage, kFrameSize, buffers, 2);
 		if (session) session->SetUserData(&++mSeed, sizeof(mSeed));
 		return session;
 	}
@@ -139,107 +140,84 @@ protected:
 };
 
 TEST_F(PowerCut, NothingPromisedIsLost) {
-	const auto session = [](int frames) {
-		return [frames](PowerCutDisk&, Recorder& recorder) {
-			CmsSession* one = recorder.start();
-			recorder.feed(one, frames);
-			recorder.stop(one);
-		};
+	const auto record = [](Recorder& recorder, int frames) {
+		CmsSession* session = recorder.start();
+		recorder.feed(session, frames);
+		recorder.stop(session);
 	};
 	size_t states = 0;
-	tryEverywhere("a new storage", {}, {}, session(7), &states);
+	tryEverywhere(
+	    "a new storage", {}, {}, [&](PowerCutDisk&, Recorder& r) { record(r, 7); }, &states);
 	const PowerCutDisk::State good = mEnd;
 	const std::vector<Promise> promised = mPromises;
-	tryEverywhere(
-	    "two at once, one taken up again", good, promised,
-	    [](PowerCutDisk&, Recorder& recorder) {
-		    CmsSession* two = recorder.resume(0);
-		    recorder.feed(two, 3);
-		    recorder.stop(two);
-		    CmsSession* three = recorder.start();
-		    recorder.feed(three, 5);
-		    recorder.stop(three);
-	    },
-	    &states);
-	tryEverywhere(
-	    "reset", good, promised,
-	    [&](PowerCutDisk& disk, Recorder& recorder) {
-		    recorder.forget();
-		    recorder.mStorage.ResetAll();
-		    session(5)(disk, recorder);
-	    },
-	    &states);
-	tryEverywhere(
-	    "reset that is not saved", good, promised,
-	    [&](PowerCutDisk& disk, Recorder& recorder) {
-		    disk.failRenames("list", 1);
-		    EXPECT_EQ(recorder.mStorage.ResetAll(), 0x10000000);
-		    CmsSession* one = recorder.start();
-		    recorder.feed(one, 5); // refused
-		    recorder.forget();
-		    EXPECT_EQ(recorder.mStorage.ResetAll(), 0);
-	    },
-	    &states);
-	tryEverywhere(
-	    "removal without a save", good, promised,
-	    [&](PowerCutDisk&, Recorder& recorder) {
-		    recorder.mStorage.GetSessionList().DeleteAll();
-		    CmsSession* one = recorder.start();
-		    recorder.feed(one, 5);
-		    one->FreeResources();
-	    },
-	    &states);
-	PowerCutDisk::State damaged = good;
-	std::string& list = damaged.files[damaged.names["list"]];
-	list.resize(list.size() - 100);
-	tryEverywhere("a list that is cut at its end", damaged, promised, session(5), &states);
-	list = good.files.at(good.names.at("list")) + std::string(37, 'x');
-	tryEverywhere("a list that is too long", damaged, promised, session(5), &states);
-	tryEverywhere(
-	    "a list that cannot be saved for a while", good, promised,
-	    [&](PowerCutDisk& disk, Recorder& recorder) {
-		    disk.failRenames("list", 2);
-		    session(9)(disk, recorder);
-	    },
-	    &states);
-	tryEverywhere(
-	    "a flush of the index that fails behind the next buffer", good, promised,
-	    [&](PowerCutDisk& disk, Recorder& recorder) {
-		    const int before = disk.writesTo("index");
-		    disk.failFlushes("index", 1);
-		    disk.beforeFlushes("index", [&disk, before] {
-			    for (int i = 0; i < 2000 && disk.writesTo("index") < before + 2; ++i)
-				    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-		    });
-		    CmsSession* one = recorder.start(4);
-		    recorder.feed(one, 3);
-		    recorder.feed(one, 3);
-		    recorder.feed(one, 2);
-		    recorder.stop(one);
-	    },
-	    &states);
+	const Scenario two = [&](PowerCutDisk&, Recorder& r) {
+		CmsSession* first = r.resume(0);
+		CmsSession* second = r.start();
+		r.feed(first, 3); // no room: the second stands behind it
+		r.feed(second, 5);
+		r.stop(second);
+		first->FreeResources();
+		r.feed(first = r.resume(1), 3);
+		r.stop(first);
+	};
+	const Scenario reset = [&](PowerCutDisk&, Recorder& r) {
+		r.forget();
+		r.mStorage.ResetAll();
+		record(r, 5);
+	};
+	const Scenario unsavedReset = [&](PowerCutDisk& disk, Recorder& r) {
+		disk.failRenames("list", 1);
+		EXPECT_EQ(r.mStorage.ResetAll(), 0x10000000);
+		r.feed(r.start(), 5); // refused
+		r.forget();
+		EXPECT_EQ(r.mStorage.ResetAll(), 0);
+	};
+	const Scenario removal = [&](PowerCutDisk&, Recorder& r) {
+		r.mStorage.GetSessionList().DeleteAll();
+		r.feed(r.start(), 5);
+	};
+	const Scenario unsaved = [&](PowerCutDisk& disk, Recorder& r) {
+		disk.failRenames("list", 2);
+		record(r, 9);
+	};
+	// A flush that fails while the records of the next buffer have been written, too.
+	const Scenario lostFlush = [&](PowerCutDisk& disk, Recorder& r) {
+		disk.failFlushes("index", 1);
+		disk.beforeFlushes("index", [&disk, before = disk.writesTo("index")] {
+			for (int i = 0; i < 2000 && disk.writesTo("index") < before + 2; ++i)
+				std::this_thread::sleep_for(std::chrono::milliseconds(1));
+		});
+		record(r, 8);
+	};
+	const Scenario more = [&](PowerCutDisk&, Recorder& r) { record(r, 5); };
+	const std::pair<const char*, const Scenario*> scenarios[] = {{"two at once, one taken up again", &two},
+	    {"reset", &reset}, {"reset that is not saved", &unsavedReset}, {"removal without a save", &removal},
+	    {"a list that cannot be saved for a while", &unsaved}, {"a failed flush", &lostFlush}};
+	for (const auto& [name, scenario] : scenarios) tryEverywhere(name, good, promised, *scenario, &states);
+	for (const int change : {-100, 37}) { // at the end of the list
+		PowerCutDisk::State damaged = good;
+		std::string& list = damaged.files[damaged.names["list"]];
+		list.resize(list.size() + static_cast<size_t>(change), 'x');
+		tryEverywhere("a damaged list", damaged, promised, more, &states);
+	}
 	EXPECT_GT(states, 500u);
-	RecordProperty("states", static_cast<int>(states));
 }
 
-/// A neighbour that always has a buffer on its way does not hold up the end of a session.
-TEST_F(PowerCut, SessionsEndBesideBusyNeighbours) {
+/// A neighbour that always has a buffer on its way does not hold up those who wait.
+TEST_F(PowerCut, NobodyWaitsForWhatNeighboursQueueLater) {
 	PowerCutDisk disk;
 	Recorder recorder(disk);
-	CmsSession* one = recorder.start();
-	CmsSession* busy = recorder.start(8, 10);
-	int frames = 0;
+	CmsSession* busy = recorder.start(8);
+	std::atomic<int> frames{0};
 	disk.beforeFlushes("index", [&] {
-		for (int i = 0; i < 2 && frames < 60; ++i) {
-			frames += busy->Feed(pattern(kFrameSize, 0).data()) == 0;
-		}
+		for (int i = 0; i < 2 && frames < 60; ++i) frames += busy->Feed(pattern(kFrameSize, 0).data()) == 0;
 	});
 	for (int i = 0; i < 2; ++i) busy->Feed(pattern(kFrameSize, 0).data());
-	for (int i = 0; i < 3; ++i)
-		one->Feed(pattern(kFrameSize, Recorder::seedOf(*one) + static_cast<unsigned>(i)).data());
-	one->PrepareToRecord(); // waits as StopRecord does, without its pause
+	const emsSTORAGE_SESSION other = busy->GetRecord();
+	recorder.mStorage.GetSessionList().Add(&other)->PrepareToRecord(); // waits as StopRecord does
 	EXPECT_LT(frames, 60);
-	EXPECT_EQ(one->GetWrittenFrameCount(), 2u);
+	recorder.mStorage.WaitUntilWritten();
+	while (frames < 60) std::this_thread::yield();
 	disk.beforeFlushes("index", nullptr);
 }
 

@@ -144,6 +144,7 @@ TEST_F(StorageFaults, WhatMayNotBeWrittenIsReported) {
 		startAnew();
 		if (there) create(mStorage, 5);
 		faulty.makeReadOnly(mFolder.path() + "/" + file);
+		faulty.makeReadOnly(fs::path(mFolder.path() + "/" + file).make_preferred().string()); // the list's own path
 		EXPECT_EQ(recordEight(), taken);
 		EXPECT_TRUE(hasLogged(line));
 		EXPECT_EQ(mStorage.IsReady(), taken != 0);

@@ -7,6 +7,7 @@
 #include <qor/storage/file_sequence.h>
 #include <qor/storage/image_cache.h>
 
+#include <cstring>
 #include <memory>
 
 using test_support::refuseEach;
@@ -14,7 +15,7 @@ using test_support::refuseEach;
 namespace {
 
 /// What failed must leave a schema and its values as they were, and nothing behind.
-bool variableSets(const std::string& path) {
+bool variableSets(const char* path) {
 	CqorDVar_DataSet schema, copy;
 	CqorDVar_ValueSet values, others;
 	bool done = schema.Alloc("s") == 0;
@@ -28,20 +29,19 @@ bool variableSets(const std::string& path) {
 	done = copy.CopyFromBlock(schema.GetBlock(), 36 + 16 * 152) == 0 && values.AllocFromDataSet(&copy, "v") == 0 &&
 	       others.CopyFrom(&values, "o", 1) == 0;
 	if (!done) return false;
-	const std::string text(1500, 'x');
-	done = values.varStrFillFromString("a", "%s", text.c_str()) == 0;
-	EXPECT_EQ(std::string(static_cast<char*>(values.GetValuePtrByID("b"))), done ? std::string(600, 'x') : "")
+	done = values.varStrFillFromString("a", "%1500d", 7) == 0;
+	EXPECT_EQ(std::strlen(static_cast<char*>(values.GetValuePtrByID("b"))), done ? 599U : 0U)
 	    << "all of a text, to the end of the block, or none";
 	auto* block = qorDVar_ValueSetAlloc("d");
 	done = block && qorDVar_ValueSetAppendCopyValue(&block, values.GetBlock(), "p") == 0 && done;
 	qorDVar_ValueSetFree(block);
 	return (qorDVar_ValueSet_UpdateFromSubSet(others.GetBlock(), values.GetBlock()) == 0) &
-	       (values.varStrFillFromFile("c", path.c_str()) == 0) & (values.DebugLog(&schema) == 0) & done;
+	       (values.varStrFillFromFile("c", path) == 0) & (values.DebugLog(&schema) == 0) & done;
 }
 
-bool parameterFile(const std::string& path) {
+bool parameterFile(const char* path) {
 	CqorBXML document;
-	bool done = document.Open(path.c_str()) == 0 && document.mRoot.mChildCount == 40;
+	bool done = document.Open(path) == 0 && document.mRoot.mChildCount == 40;
 	done &= document.mRoot.AddVar("v", "1") != nullptr;
 	done &= document.mRoot.FindSectionCountByType("n") == document.mRoot.mChildCount; // also without memory to sort in
 	std::unique_ptr<CqorBXML_Section> section(new CqorBXML_Section);
@@ -49,17 +49,17 @@ bool parameterFile(const std::string& path) {
 	return done && !section;
 }
 
-bool sequences(const test_support::TempFolder& folder) {
+bool sequences(const char* folder, const char* first, const char* other) {
 	CqorFileSeq sequence, copy;
 	CqorFileSeqList list;
 	eqorFILESEQ_FILEATTR parts;
-	const bool made = sequence.CreateFromFilePath(folder.path("c1.b").c_str()) == 0;
+	const bool made = sequence.CreateFromFilePath(first) == 0;
 	EXPECT_EQ(sequence.GetCount(), made ? 4 : 0);
 	bool done = copy.Copy(sequence) == 0 && made;
 	EXPECT_EQ(copy.GetCount(), done ? 4 : 0);
-	CqorFileSeq::ParseByFilePath(&parts, folder.path("C5.b").c_str());
+	CqorFileSeq::ParseByFilePath(&parts, other);
 	done = copy.AddItem(&parts, 1) && done;
-	const bool listed = list.CreateFromFolder(folder.path().c_str(), "b", 1) == 0;
+	const bool listed = list.CreateFromFolder(folder, "b", 1) == 0;
 	EXPECT_EQ(list.GetCount(), listed ? 2 : 0);
 	return done && listed;
 }
@@ -99,9 +99,12 @@ TEST(RefusedAllocations, EndAsStated) {
 	for (int i = 0; i < 40; ++i) text += "<n a=1 b=2></n>";
 	const std::string path = folder.path("p");
 	test_support::writeFile(path, text);
-	refuseEach("variable sets", [&] { return variableSets(folder.path("x.b")); });
-	refuseEach("parameter file", [&] { return parameterFile(path); });
-	refuseEach("sequences", [&] { return sequences(folder); });
+	// The operations allocate nothing of their own: the texts are made here.
+	const std::string value = folder.path("x.b"), all = folder.path(), first = folder.path("c1.b"),
+	                  other = folder.path("C5.b");
+	refuseEach("variable sets", [&] { return variableSets(value.c_str()); });
+	refuseEach("parameter file", [&] { return parameterFile(path.c_str()); });
+	refuseEach("sequences", [&] { return sequences(all.c_str(), first.c_str(), other.c_str()); });
 	refuseEach("image cache", imageCache);
 	refuseEach("calibration", calibration);
 }

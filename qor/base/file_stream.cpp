@@ -126,7 +126,7 @@ bool FileStream::startWriter() {
 	mThread.reset(platform::startThread(&FileStream::writerThread, this));
 	if (mThread) return true;
 	mWriterState = kNone;
-	drop();
+	mReferences.fetch_sub(1, std::memory_order_relaxed); // the maker still has its own
 	return false;
 }
 

@@ -148,7 +148,7 @@ void CqorSIO_VideoCap::GetIntervalStatistics(qorSIO_INTERVAL_STATISTICS* out) {
 /// @return false: the ring was emptied or exchanged on the way.
 bool CqorSIO_VideoCap::readIntervals(qorSIO_INTERVAL_STATISTICS* out) {
 	*out = {};
-	double part[256];
+	double part[256] = {};
 	uint64_t seen = 0;
 	double sum = 0;
 	for (int at = 0, count = 0; at == 0 || at < count; at += static_cast<int>(std::size(part))) {

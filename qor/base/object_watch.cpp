@@ -1,13 +1,16 @@
 #include "object_watch_internal.h"
 
 #include <mutex>
+#include <new>
 
 namespace base {
 namespace {
 
 /// Guards the lists of all objects. Held for a few instructions around a callback.
 std::mutex& listsLock() {
-	static std::mutex& lock = *new std::mutex; // hosts call back until the process has ended
+	// Never destroyed: hosts call back until the process has ended. Never allocated: nothing here may fail.
+	alignas(std::mutex) static unsigned char room[sizeof(std::mutex)];
+	static std::mutex& lock = *new (room) std::mutex;
 	return lock;
 }
 

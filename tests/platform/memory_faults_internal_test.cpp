@@ -3,35 +3,12 @@
 #include "qor/platform/folder.h"
 #include "qor/platform/profile.h"
 #include "qor/platform/thread.h"
+#include "support/refused_allocations.h"
 #include "support/temp_folder.h"
 #include "wait_support.h"
 
-#include <atomic>
-#include <cstdlib>
-#include <functional>
-#include <gtest/gtest.h>
-#include <new>
-
 // Every allocation of an operation fails once: the result is the stated failure, or the call
 // did without; nothing is thrown, and no file is lost.
-namespace {
-thread_local int tUntilRefused = 0; // 0: none is refused
-
-void* allocateUnlessRefused(size_t bytes) noexcept {
-	if (tUntilRefused > 0 && --tUntilRefused == 0) return nullptr;
-	return std::malloc(bytes ? bytes : 1);
-}
-} // namespace
-
-void* operator new(size_t bytes) {
-	if (void* block = allocateUnlessRefused(bytes)) return block;
-	throw std::bad_alloc();
-}
-void* operator new(size_t bytes, const std::nothrow_t&) noexcept { return allocateUnlessRefused(bytes); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, size_t) noexcept { std::free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
-
 namespace platform {
 namespace {
 
@@ -66,10 +43,11 @@ TEST(RefusedMemory, IsAResult) {
 		for (bool refused = true; refused; ++refusals) {
 			writeFile(ini, old);
 			std::filesystem::remove(copy);
-			tUntilRefused = refusals + 1;
+			test_support::newCalls = 0;
+			test_support::refuseNew = refusals + 1;
 			const bool done = operation();
-			refused = tUntilRefused == 0;
-			tUntilRefused = 0;
+			test_support::refuseNew = 0;
+			refused = test_support::newCalls > refusals;
 			EXPECT_TRUE(done || refused);
 			const std::string left = readFile(ini);
 			EXPECT_TRUE(left == old || (done && left == changed)) << left;

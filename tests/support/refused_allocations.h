@@ -62,6 +62,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
 	return test_support::allocate(size, static_cast<std::size_t>(alignment));
 }
+void operator delete(void* block, const std::nothrow_t&) noexcept { test_support::release(block); }
 void operator delete(void* block) noexcept { test_support::release(block); }
 void operator delete(void* block, std::size_t) noexcept { test_support::release(block); }
 void operator delete(void* block, std::align_val_t) noexcept { test_support::release(block); }

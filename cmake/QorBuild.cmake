@@ -45,6 +45,7 @@ function(qor_target_settings target)
 		target_compile_definitions(${target} PRIVATE _CRT_SECURE_NO_WARNINGS NOMINMAX WIN32_LEAN_AND_MEAN)
 	else()
 		target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
+			$<$<CXX_COMPILER_ID:Clang>:-Wno-unused-private-field> # room kept for later fields
 			$<$<BOOL:${QOR_WARNINGS_AS_ERRORS}>:-Werror>)
 	endif()
 	if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)

@@ -124,7 +124,7 @@ protected:
 		}
 		constexpr size_t kStates = 80;
 		const size_t step = disk.operations() * 4 / kStates + 1;
-		disk.cutEverywhere(0, [&](size_t done, const auto& chance) {
+		disk.cutEverywhere([&](size_t done, const auto& chance) {
 			if (done % step && done != disk.operations()) return;
 			for (const unsigned seed : {0u, 1u, static_cast<unsigned>(done) + 2, static_cast<unsigned>(done) + 1000}) {
 				SCOPED_TRACE(testing::Message() << "cut after " << done << " operations, chance " << seed);
@@ -166,7 +166,7 @@ TEST_F(PowerCut, NothingPromisedIsLost) {
 		record(r, 5);
 	};
 	const Scenario unsavedReset = [&](PowerCutDisk& disk, Recorder& r) {
-		disk.failRenames("list", 1);
+		disk.failNext("rename list", 1);
 		EXPECT_EQ(r.mStorage.ResetAll(), 0x10000000);
 		r.feed(r.start(), 5); // refused
 		r.forget();
@@ -177,12 +177,12 @@ TEST_F(PowerCut, NothingPromisedIsLost) {
 		r.feed(r.start(), 5);
 	};
 	const Scenario unsaved = [&](PowerCutDisk& disk, Recorder& r) {
-		disk.failRenames("list", 2);
+		disk.failNext("rename list", 2);
 		record(r, 9);
 	};
 	// A flush that fails while the records of the next buffer have been written, too.
 	const Scenario lostFlush = [&](PowerCutDisk& disk, Recorder& r) {
-		disk.failFlushes("index", 1);
+		disk.failNext("flush index", 1);
 		disk.beforeFlushes("index", [&disk, before = disk.writesTo("index")] {
 			for (int i = 0; i < 2000 && disk.writesTo("index") < before + 2; ++i)
 				std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -234,14 +234,14 @@ TEST_F(PowerCut, BuffersAreKeptWhileTheListIsNotSaved) {
 	const auto feedBuffer = [&] {
 		for (int i = 0; i < 2; ++i) EXPECT_EQ(one->Feed(pattern(kFrameSize, 0).data()), 0);
 	};
-	disk.failRenames("list", 1000);
+	disk.failNext("rename list", 1000);
 	for (unsigned long long failed = 1; failed <= 3; ++failed) {
 		feedBuffer();
 		while (recorder.mStorage.GetSessionList().GetFailedSaves() < failed) std::this_thread::yield();
 		EXPECT_EQ(free(), 3 - static_cast<int>(failed));
 	}
 	feedBuffer(); // takes the oldest
-	disk.failRenames("list", 0);
+	disk.failNext("rename list", 0);
 	one->StopRecord();
 	EXPECT_TRUE(free() == 3 && one->GetWrittenFrameCount() == 8 && !recorder.mStorage.GetSessionList().IsUnsaved());
 }

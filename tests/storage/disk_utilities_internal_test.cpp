@@ -1,6 +1,6 @@
 #include "storage_fixture.h"
+#include "support/memory_files.h"
 
-#include "qor/platform/file.h"
 #include "qor/platform/machine.h"
 
 using namespace storage_test;
@@ -29,13 +29,8 @@ public:
 	bool replace(const char*, const char*) override { return false; }
 
 private:
-	struct Disk final : platform::File {
-		explicit Disk(std::string name) : mName(std::move(name)) {}
-		uint32_t write(const void*, uint32_t) override { return 0; }
-		uint32_t read(void*, uint32_t) override { return 0; }
-		bool seek(int64_t, platform::SeekOrigin, int64_t*) override { return false; }
-		bool size(int64_t*) override { return false; }
-		bool flush() override { return true; }
+	struct Disk final : test_support::MemoryFile {
+		explicit Disk(std::string name) : MemoryFile(mName), mName(std::move(name)) {}
 		bool geometry(platform::DiskGeometry* out) override {
 			*out = {1000000, 255, 63, 512};
 			return mName.back() == '1';
@@ -74,9 +69,8 @@ TEST_F(DiskUtilities, DetectsDisksPartitionsAndLetters) {
 		EXPECT_TRUE(hasLogged(line)) << line;
 	}
 	EXPECT_FALSE(hasLogged("PhysicalDrive0"));
-	ASSERT_EQ(list.GetDriveCount(), 2);
 	const CqorDiskUtil_Drive& drive = *list.GetDrive(0);
-	ASSERT_EQ(drive.GetPartitionCount(), 3);
+	ASSERT_TRUE(list.GetDriveCount() == 2 && drive.GetPartitionCount() == 3);
 	EXPECT_EQ(drive.GetPartition(-1), nullptr);
 	const CqorDiskUtil_DrivePartition* second = list.GetDrivePartitionByDeviceAndPartNumber(1, 2);
 	ASSERT_EQ(second, drive.GetPartition(1));

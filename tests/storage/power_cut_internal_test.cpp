@@ -36,9 +36,7 @@ public:
 	}
 	CmsSession* resume(int number) {
 		CmsSession* session = mStorage.GetSessionList().GetSession(number);
-		session->AllocResources(3, 2);
-		session->SetRecording(true);
-		session->PrepareToRecord();
+		prepare(*session, 3);
 		return session;
 	}
 	void feed(CmsSession* session, int frames) {

@@ -41,6 +41,8 @@ protected:
 		CmsSession* session = storage.GetSessionList().GetSession(0);
 		const unsigned frames = session ? session->GetWrittenFrameCount() : 0;
 		for (unsigned i = 0; i < frames; ++i) EXPECT_TRUE(isThere(*session, i, i)) << i;
+		CmsSession* more = begin(storage, 5000);
+		EXPECT_TRUE(more && more->Feed(mFrames[0].data()) == 0);
 		return static_cast<int>(frames);
 	}
 

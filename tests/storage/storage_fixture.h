@@ -25,6 +25,14 @@ inline void createIn(CmsStorage& storage, const std::string& folder, int sizeMB)
 	storage.Create((folder + "/list").c_str(), (folder + "/index").c_str(), (folder + "/data").c_str(), sizeMB);
 }
 
+/// Makes a session ready for Feed. @return whether it has its buffers.
+inline bool prepare(CmsSession& session, int buffers = 2, int frames = 2) {
+	if (session.AllocResources(buffers, frames) != 0) return false;
+	session.SetRecording(true);
+	session.PrepareToRecord();
+	return true;
+}
+
 /// A session ready for Feed, `ahead` frames behind the last one; null when that is refused.
 inline CmsSession* begin(
     CmsStorage& storage, unsigned frameSize = 5000, int buffers = 3, int frames = 4, unsigned ahead = 0) {
@@ -33,10 +41,7 @@ inline CmsSession* begin(
 	record.mStoragePos += static_cast<long long>(ahead) * record.mAlignedFrameSize;
 	record.mFirstIndex = record.mFirstIndex2 += ahead;
 	CmsSession* session = storage.GetSessionList().Add(&record);
-	if (!session || session->AllocResources(buffers, frames) != 0) return nullptr;
-	session->SetRecording(true);
-	session->PrepareToRecord();
-	return session;
+	return session && prepare(*session, buffers, frames) ? session : nullptr;
 }
 
 /// Whether a frame comes back as it was fed, into a buffer at an odd address too.
@@ -63,6 +68,19 @@ protected:
 			if (session.Feed(pattern(session.mSession.mFrameSize, number).data()) == 0) mFed.push_back(number);
 		}
 		return static_cast<int>(mFed.size() - before);
+	}
+	/// A session of `count` frames, recorded and stopped; null when it could not be.
+	CmsSession* record(unsigned frameSize, unsigned first, int count) {
+		CmsSession* session = begin(mStorage, frameSize);
+		const bool whole = session && feed(*session, first, count) == count;
+		if (session) session->FreeResources();
+		return whole ? session : nullptr;
+	}
+	/// Whether a session holds the frames `first` to `first + count - 1` of `feed` and those only.
+	bool holds(CmsSession* session, unsigned first, int count) {
+		int whole = 0;
+		while (session && isThere(*session, whole, first + static_cast<unsigned>(whole))) ++whole;
+		return whole == count;
 	}
 	static emsSTORAGE_COUNTERS countersOf(auto& storageOrSession) {
 		emsSTORAGE_COUNTERS counters;

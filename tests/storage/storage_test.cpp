@@ -20,7 +20,7 @@ TEST_F(StorageTest, FramesComeBackAfterReopeningAndFilesHaveTheirLayout) {
 	create(again);
 	ASSERT_EQ(again.GetSessionList().GetCount(), 1);
 	CmsSession& loaded = *again.GetSessionList().GetSession(0);
-	for (int i = 0; i < 10; ++i) EXPECT_TRUE(isThere(loaded, i, i)) << i;
+	EXPECT_TRUE(holds(&loaded, 0, 10));
 	EXPECT_EQ(loaded.LoadRawFrame(nullptr, 77), 0);
 	EXPECT_EQ(loaded.LoadRawFrameChecked(&loaded, 10, nullptr), kFrameNotThere);
 	emsSTORAGE_INDEX index;
@@ -53,18 +53,12 @@ TEST_F(StorageTest, SessionsStandBehindOneAnother) {
 		EXPECT_EQ(record.mMaxFrameCount, most);
 		EXPECT_EQ(record.mStoragePos, aligned ? 4194304 : 0);
 	}
-	CmsSession* first = begin(mStorage);
-	ASSERT_EQ(feed(*first, 0, 5), 5);
-	first->StopRecord();
-	CmsSession* second = begin(mStorage, 100);
+	CmsSession *first = record(5000, 0, 5), *second = record(100, 50, 3);
+	ASSERT_TRUE(first && second);
 	EXPECT_EQ(second->mSession.mStoragePos, 4194304 + 5 * 8192);
 	EXPECT_EQ(second->mSession.mFirstIndex, 5u);
-	ASSERT_EQ(feed(*second, 50, 3), 3);
-	second->StopRecord();
-	first->SetRecording(true); // taken up again, it must not run over the second
-	first->PrepareToRecord();
-	EXPECT_EQ(feed(*first, 5, 2), 0);
-	EXPECT_TRUE(isThere(*first, 4, 4) && isThere(*second, 0, 50));
+	EXPECT_TRUE(prepare(*first) && feed(*first, 5, 2) == 0); // taken up again, it must not run over the second
+	EXPECT_TRUE(holds(first, 0, 5) && holds(second, 50, 3));
 	EXPECT_EQ(mStorage.GetSessionList().GetSessionIndex(second), 1);
 	mStorage.ResetAll();
 	EXPECT_EQ(readFile(path("list")), std::string(4, '\0'));
@@ -129,9 +123,7 @@ TEST_F(StorageTest, MoreBuffersThanTheQueueHasEntriesAndTheEndWhileTheyWait) {
 	for (int i = 0; i < 59; ++i) EXPECT_EQ(session.Feed(pattern(3000, i).data()), 0);
 	mStorage.driveUnlock();
 	create(mStorage); // ends the first use, with everything that is queued and the part of a buffer
-	CmsSession& loaded = *mStorage.GetSessionList().GetSession(0);
-	ASSERT_EQ(loaded.mSession.mFrameCount, 59u);
-	for (int i = 0; i < 59; ++i) EXPECT_TRUE(isThere(loaded, i, i)) << i;
+	EXPECT_TRUE(holds(mStorage.GetSessionList().GetSession(0), 0, 59));
 }
 
 TEST_F(StorageTest, PositionsBeyondFourGigabytes) {
@@ -144,11 +136,9 @@ TEST_F(StorageTest, PositionsBeyondFourGigabytes) {
 	record.mStoragePos = (1ll << 32) - 8192;
 	record.mFirstIndex = (1ll << 32) / 24 - 1;
 	CmsSession& session = *mStorage.GetSessionList().Add(&record);
-	ASSERT_EQ(session.AllocResources(2, 2), 0);
-	session.SetRecording(true);
-	ASSERT_EQ(feed(session, 0, 4), 4);
+	ASSERT_TRUE(prepare(session) && feed(session, 0, 4) == 4);
 	session.StopRecord();
-	for (int i = 0; i < 4; ++i) EXPECT_TRUE(isThere(session, i, i)) << i;
+	EXPECT_TRUE(holds(&session, 0, 4));
 }
 
 TEST_F(StorageTest, SessionsThatRecordAtTheSameTimeNeverMeet) {
@@ -167,7 +157,7 @@ TEST_F(StorageTest, SessionsThatRecordAtTheSameTimeNeverMeet) {
 	behind->SetRecording(true);
 	EXPECT_EQ(feed(*behind, 4, 2), 2);
 	behind->StopRecord();
-	for (int i = 0; i < 6; ++i) EXPECT_TRUE(isThere(*behind, i, i) && (i > 2 || isThere(*front, i, i))) << i;
+	EXPECT_TRUE(holds(behind, 0, 6) && holds(front, 0, 3));
 }
 
 /// Two sessions, three and four frames, all of 100 bytes.
@@ -175,24 +165,23 @@ class DamagedStorage : public StorageTest {
 protected:
 	DamagedStorage() {
 		create(mStorage, 8);
-		for (const int frames : {3, 4}) {
-			CmsSession* session = begin(mStorage, 100);
-			EXPECT_EQ(feed(*session, 0, frames), frames);
-			session->FreeResources();
-		}
+		for (const int frames : {3, 4}) EXPECT_TRUE(record(100, 0, frames));
 		mStorage.Destroy();
 		mList = readFile(path("list"));
 	}
-	/// @return how many of the seven frames come back, with the list as it was written.
-	int framesLeft() {
+	void openWith(const std::string& list) {
 		mStorage.Destroy();
-		writeFile(path("list"), mList);
+		writeFile(path("list"), list);
 		create(mStorage, 8);
-		int left = 0;
-		for (unsigned i = 0; i < 7; ++i)
-			left += isThere(*mStorage.GetSessionList().GetSession(i < 3 ? 0 : 1), i % 3 + (i == 6 ? 3 : 0),
-			    i % 3 + (i == 6 ? 3 : 0));
-		return left;
+	}
+	/// Whether all seven frames come back, with the list as it was written.
+	bool framesAreLeft() {
+		openWith(mList);
+		CmsSessionList& list = mStorage.GetSessionList();
+		return holds(list.GetSession(0), 0, 3) && holds(list.GetSession(1), 0, 4);
+	}
+	bool savesUnchanged(const std::string& list) {
+		return mStorage.GetSessionList().Save() == 0 && readFile(path("list")) == list;
 	}
 	std::string mList;
 };
@@ -212,13 +201,12 @@ TEST_F(DamagedStorage, ListCutAtEveryByteLosesNothing) {
 		EXPECT_EQ(readFile(path("cut.damaged")), cut);
 		EXPECT_EQ(loader.Load() == 0, length >= 4 + 840 + 44);
 	}
-	writeFile(path("list"), mList.substr(0, 4 + 840 + 20)); // where does the second session stand?
-	create(mStorage, 8);
+	openWith(mList.substr(0, 4 + 840 + 20)); // where does the second session stand?
 	EXPECT_TRUE(mStorage.IsReady() && mStorage.GetAvailableSpace() == 0);
 	EXPECT_EQ(feed(*begin(mStorage, 100), 0, 1), 0);
 	EXPECT_EQ(mStorage.ResetAll(), 0);
 	EXPECT_EQ(mStorage.GetAvailableSpace(), 8 << 20);
-	EXPECT_TRUE(framesLeft() == 7 && fs::exists(path("list.damaged")));
+	EXPECT_TRUE(framesAreLeft() && fs::exists(path("list.damaged")));
 }
 
 TEST_F(DamagedStorage, NoChangedByteOfARecordFreesItsSpace) {
@@ -229,15 +217,11 @@ TEST_F(DamagedStorage, NoChangedByteOfARecordFreesItsSpace) {
 		SCOPED_TRACE(testing::Message() << "offset " << at - 844 << " change " << change);
 		std::string damaged = mList;
 		damaged[at] = static_cast<char>(damaged[at] ^ change);
-		writeFile(path("list"), damaged);
-		create(mStorage, 8);
+		openWith(damaged);
 		ASSERT_EQ(mStorage.GetSessionList().GetCount(), 2);
 		const auto takeUpAgain = [&](int number) {
 			CmsSession& session = *mStorage.GetSessionList().GetSession(number);
-			session.AllocResources(2, 2);
-			session.SetRecording(true);
-			session.PrepareToRecord();
-			const int taken = feed(session, 90, 2);
+			const int taken = prepare(session) ? feed(session, 90, 2) : 0;
 			session.FreeResources();
 			return taken;
 		};
@@ -246,35 +230,18 @@ TEST_F(DamagedStorage, NoChangedByteOfARecordFreesItsSpace) {
 		if (CmsSession* more = begin(mStorage, 100)) feed(*more, 50, 5);
 		mStorage.Destroy();
 		EXPECT_TRUE(taken || readFile(path("list")).substr(4, 1680) == damaged.substr(4));
-		ASSERT_EQ(framesLeft(), 7);
+		ASSERT_TRUE(framesAreLeft());
 	}
 }
 
-TEST_F(DamagedStorage, RecordsOfZerosAndOddEndsCostNoFrames) {
+TEST_F(DamagedStorage, RecordsOfZerosCostNoFrames) {
 	for (const size_t record : {0, 1}) {
 		std::string damaged = mList;
 		std::fill_n(damaged.begin() + 4 + 840 * record, 840, '\0');
-		writeFile(path("list"), damaged);
-		create(mStorage, 8);
+		openWith(damaged);
 		EXPECT_TRUE(mStorage.GetSessionList().GetCount() == 2 && mStorage.GetAvailableSpace() == 0);
-		EXPECT_EQ(mStorage.GetSessionList().Save(), 0);
-		EXPECT_EQ(readFile(path("list")), damaged);
-		EXPECT_EQ(framesLeft(), 7);
+		EXPECT_TRUE(savesUnchanged(damaged) && framesAreLeft());
 	}
-	std::string odd = mList;
-	odd[4 + 840 + 16] ^= 1; // bytes written
-	mStorage.Destroy();
-	writeFile(path("list"), odd);
-	create(mStorage, 8);
-	CmsSession* more = begin(mStorage, 100);
-	ASSERT_TRUE(more && feed(*more, 0, 3) == 3);
-	more->StopRecord();
-	EXPECT_TRUE(isThere(*more, 2, 2));
-	EXPECT_EQ(framesLeft(), 7);
-	mStorage.Destroy();
-	fs::resize_file(path("data"), 0); // what a copy that failed leaves
-	create(mStorage, 8);
-	EXPECT_EQ(mStorage.GetSessionList().GetSession(1)->GetWrittenFrameCount(), 0u);
 }
 
 TEST_F(DamagedStorage, RecordsThatCannotBeTrueAreNamedAndWrittenBack) {
@@ -288,20 +255,17 @@ TEST_F(DamagedStorage, RecordsThatCannotBeTrueAreNamedAndWrittenBack) {
 		mLog.clear();
 		std::string damaged = mList;
 		std::memcpy(damaged.data() + offset, &value, 4);
-		writeFile(path("list"), damaged);
-		create(mStorage, 8);
+		openWith(damaged);
 		ASSERT_EQ(mStorage.GetSessionList().GetCount(), 2);
 		CmsSession& session = *mStorage.GetSessionList().GetSession(0);
 		EXPECT_TRUE(session.GetWrittenFrameCount() == frames && hasLogged("list: session 0"));
 		std::vector<char> buffer(4096);
 		for (int i = 0; i < 9; ++i) session.LoadRawFrame(buffer.data(), i);
-		EXPECT_TRUE(mStorage.GetSessionList().Save() == 0 && readFile(path("list")) == damaged);
-		EXPECT_EQ(fs::exists(path("list.damaged")), false);
+		EXPECT_TRUE(savesUnchanged(damaged) && !fs::exists(path("list.damaged")));
 	}
 	for (const uint32_t count : {0u, 1u, 3u, 0xFFFFFFFFu}) {
 		std::memcpy(mList.data(), &count, 4);
-		writeFile(path("list"), mList);
-		create(mStorage, 8);
+		openWith(mList);
 		EXPECT_EQ(mStorage.GetSessionList().GetCount(), 2) << count;
 		EXPECT_EQ(mStorage.GetAvailableSpace() == 0, count > 2);
 	}
@@ -327,9 +291,8 @@ TEST_F(DamagedStorage, DataFileThatWasCutIsExtendedAndItsLostFramesAreKnown) {
 	mStorage.Destroy();
 	fs::resize_file(path("data"), 4 << 20);
 	create(mStorage, 4); // all claims lie beyond
-	EXPECT_TRUE(mStorage.IsReady() && mStorage.GetAvailableSpace() == 0 &&
-	            hasLogged("list: session 1 counts 4 frames, 0 are there"));
-	EXPECT_TRUE(mStorage.GetSessionList().Save() == 0 && readFile(path("list")) == mList);
+	EXPECT_TRUE(mStorage.IsReady() && mStorage.GetAvailableSpace() == 0 && savesUnchanged(mList));
+	EXPECT_TRUE(hasLogged("list: session 1 counts 4 frames, 0 are there"));
 }
 
 TEST_F(DamagedStorage, WhatCannotBeReadIsLeftAlone) {
@@ -353,7 +316,7 @@ TEST_F(DamagedStorage, WhatCannotBeReadIsLeftAlone) {
 		fs::rename(path("kept"), path(name));
 		fs::rename(path("data.kept"), path("data"));
 	}
-	EXPECT_EQ(framesLeft(), 7);
+	EXPECT_TRUE(framesAreLeft());
 }
 
 TEST_F(DamagedStorage, TheHostsCurrentFolderDoesNotMoveTheList) {
@@ -362,8 +325,7 @@ TEST_F(DamagedStorage, TheHostsCurrentFolderDoesNotMoveTheList) {
 	mStorage.Create("list", "index", "data", 8);
 	fs::create_directory("elsewhere");
 	fs::current_path("elsewhere");
-	CmsSession* session = begin(mStorage, 100);
-	feed(*session, 0, 2);
+	EXPECT_TRUE(record(100, 0, 2));
 	mStorage.Destroy();
 	EXPECT_TRUE(fs::is_empty("."));
 	fs::current_path(before);
@@ -377,12 +339,10 @@ TEST_F(DamagedStorage, FramesBeyondTheTargetAndAfterAnUnsavedRemovalAreRefused) 
 	mStorage.CalculateSession(&record, 1 << 20);
 	record.mMaxFrameCount = 1000; // the host's own idea
 	CmsSession& session = *mStorage.GetSessionList().Add(&record);
-	ASSERT_EQ(session.AllocResources(2, 2), 0);
-	session.SetRecording(true);
-	EXPECT_EQ(feed(session, 0, 7), 3);
+	EXPECT_TRUE(prepare(session) && feed(session, 0, 7) == 3);
 	session.StopRecord();
 	EXPECT_TRUE(countersOf(session).mRefusedFrames == 4 && countersOf(session).mLostFrames == 0);
-	for (int i = 0; i < 3; ++i) EXPECT_TRUE(isThere(session, i, i));
+	EXPECT_TRUE(holds(&session, 0, 3));
 
 	mStorage.GetSessionList().DeleteAll();
 	CmsSession* early = begin(mStorage, 100);
@@ -394,16 +354,15 @@ TEST_F(DamagedStorage, FramesBeyondTheTargetAndAfterAnUnsavedRemovalAreRefused) 
 }
 
 TEST_F(StorageTest, TargetsThatAreNotThereOrNotWhole) {
-	const auto openAt = [&](const std::string& list, const std::string& index, const std::string& data) {
-		mStorage.Create(list.c_str(), index.c_str(), data.c_str(), 8);
-		EXPECT_FALSE(mStorage.IsReady());
-		EXPECT_EQ(mStorage.GetTotalSpace(), 0);
+	const auto openAt = [&](const std::string& list, const std::string& data) {
+		mStorage.Create(list.c_str(), path("index").c_str(), data.c_str(), 8);
+		EXPECT_TRUE(!mStorage.IsReady() && mStorage.GetTotalSpace() == 0);
 	};
-	openAt(path("list"), path("index"), "\\\\.\\PhysicalDrive31");
+	openAt(path("list"), "\\\\.\\PhysicalDrive31");
 	EXPECT_TRUE(hasLogged("[ERROR] CANNOT OPEN Drive (\\\\.\\PhysicalDrive31)"));
-	openAt(path("list"), path("index"), path("no/data"));
+	openAt(path("list"), path("no/data"));
 	EXPECT_TRUE(hasLogged("[ERROR] Open DATA FILE"));
-	openAt(path("no/list"), path("index"), path("data"));
+	openAt(path("no/list"), path("data"));
 	EXPECT_TRUE(hasLogged("[ERROR] SESSION LIST (") && !fs::exists(path("data")));
 	EXPECT_EQ(begin(mStorage, 10) ? feed(*begin(mStorage, 10), 0, 1) : 0, 0); // nothing could be found again
 }
@@ -431,11 +390,7 @@ TEST_F(StorageTest, DiskImageHasItsTableAndTakesARecording) {
 	EXPECT_EQ(drive->GetPartition(1)->mPartitionType, 0x83);
 	EXPECT_TRUE(hasLogged("[OK] Drive (\\\\.\\PhysicalDrive0) Open and Ready"));
 	EXPECT_EQ(mStorage.GetTotalSpace(), 64 << 20);
-	CmsSession* session = begin(mStorage, 70000);
-	ASSERT_TRUE(session);
-	EXPECT_EQ(feed(*session, 0, 30), 30);
-	session->StopRecord();
-	for (int i = 0; i < 30; ++i) EXPECT_TRUE(isThere(*session, i, i)) << i;
+	EXPECT_TRUE(holds(record(70000, 0, 30), 0, 30));
 }
 
 } // namespace

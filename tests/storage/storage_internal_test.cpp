@@ -3,8 +3,6 @@
 
 #include "qor/platform/faults.h"
 
-#include <tuple>
-
 using namespace storage_test;
 using test_support::FaultyFileSystem;
 using Call = FaultyFileSystem::Call;
@@ -124,28 +122,6 @@ TEST_F(StorageFaults, LostIndexRecordsCloseTheSession) {
 	session.StopRecord();
 	EXPECT_TRUE(countersOf(mStorage).mLostFrames == 4 && countersOf(mStorage).mRefusedFrames == 3);
 	EXPECT_EQ(checkAfterwards(), 4);
-}
-
-TEST_F(StorageFaults, WhatMayNotBeWrittenIsReported) {
-	FaultyFileSystem faulty;
-	using Denied = std::tuple<const char*, bool, int, const char*>; // file, is there, frames taken, line logged
-	const Denied cases[] = {{"data", false, 0, "[ERROR] Open DATA FILE"},
-	    {"list", false, 0, "list cannot be saved (err=5)"}, {"index", false, 0, "[ERROR] INDEX FILE ("},
-	    {"data", true, 0, "[ERROR] Open DATA FILE"}, {"index", true, 0, "[ERROR] INDEX FILE ("},
-	    {"list", true, 8, "list cannot be saved (err=5)"}};
-	for (const auto& [file, there, taken, line] : cases) {
-		SCOPED_TRACE(testing::Message() << file << (there ? " there" : " not there"));
-		startAnew();
-		if (there) create(mStorage, 5);
-		faulty.makeReadOnly(mFolder.path() + "/" + file);
-		faulty.makeReadOnly(fs::path(mFolder.path() + "/" + file).make_preferred().string()); // the list's own path
-		EXPECT_EQ(recordEight(), taken);
-		EXPECT_TRUE(hasLogged(line));
-		EXPECT_EQ(mStorage.IsReady(), taken != 0);
-		EXPECT_EQ(countersOf(mStorage).mFailedListSaves > 0, taken != 0);
-		faulty.reset();
-		EXPECT_EQ(checkAfterwards(), taken);
-	}
 }
 
 } // namespace

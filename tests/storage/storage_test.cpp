@@ -234,16 +234,6 @@ TEST_F(DamagedStorage, NoChangedByteOfARecordFreesItsSpace) {
 	}
 }
 
-TEST_F(DamagedStorage, RecordsOfZerosCostNoFrames) {
-	for (const size_t record : {0, 1}) {
-		std::string damaged = mList;
-		std::fill_n(damaged.begin() + 4 + 840 * record, 840, '\0');
-		openWith(damaged);
-		EXPECT_TRUE(mStorage.GetSessionList().GetCount() == 2 && mStorage.GetAvailableSpace() == 0);
-		EXPECT_TRUE(savesUnchanged(damaged) && framesAreLeft());
-	}
-}
-
 TEST_F(DamagedStorage, RecordsThatCannotBeTrueAreNamedAndWrittenBack) {
 	using Damage = std::tuple<const char*, size_t, uint32_t, unsigned>; // field, offset, value, frames left
 	const Damage cases[] = {{"negative position", 16, 0x80000000, 0}, {"outside the target", 16, 1, 0},
@@ -262,6 +252,13 @@ TEST_F(DamagedStorage, RecordsThatCannotBeTrueAreNamedAndWrittenBack) {
 		std::vector<char> buffer(4096);
 		for (int i = 0; i < 9; ++i) session.LoadRawFrame(buffer.data(), i);
 		EXPECT_TRUE(savesUnchanged(damaged) && !fs::exists(path("list.damaged")));
+	}
+	for (const size_t record : {0, 1}) {
+		std::string zeros = mList;
+		std::fill_n(zeros.begin() + 4 + 840 * record, 840, '\0');
+		openWith(zeros);
+		EXPECT_TRUE(mStorage.GetSessionList().GetCount() == 2 && mStorage.GetAvailableSpace() == 0);
+		EXPECT_TRUE(savesUnchanged(zeros) && framesAreLeft());
 	}
 	for (const uint32_t count : {0u, 1u, 3u, 0xFFFFFFFFu}) {
 		std::memcpy(mList.data(), &count, 4);
@@ -353,18 +350,17 @@ TEST_F(DamagedStorage, FramesBeyondTheTargetAndAfterAnUnsavedRemovalAreRefused) 
 	EXPECT_EQ(begin(mStorage, 100)->mSession.mStoragePos, 4194304);
 }
 
-TEST_F(StorageTest, TargetsThatAreNotThereOrNotWhole) {
-	const auto openAt = [&](const std::string& list, const std::string& data) {
-		mStorage.Create(list.c_str(), path("index").c_str(), data.c_str(), 8);
-		EXPECT_TRUE(!mStorage.IsReady() && mStorage.GetTotalSpace() == 0);
-	};
-	openAt(path("list"), "\\\\.\\PhysicalDrive31");
-	EXPECT_TRUE(hasLogged("[ERROR] CANNOT OPEN Drive (\\\\.\\PhysicalDrive31)"));
-	openAt(path("list"), path("no/data"));
-	EXPECT_TRUE(hasLogged("[ERROR] Open DATA FILE"));
-	openAt(path("no/list"), path("data"));
-	EXPECT_TRUE(hasLogged("[ERROR] SESSION LIST (") && !fs::exists(path("data")));
-	EXPECT_EQ(begin(mStorage, 10) ? feed(*begin(mStorage, 10), 0, 1) : 0, 0); // nothing could be found again
+TEST_F(StorageTest, TargetsThatAreNotThere) {
+	using Target = std::tuple<std::string, std::string, std::string, const char*>; // list, index, data, line logged
+	for (const auto& [list, index, data, line] : {Target{path("list"), path("index"), "\\\\.\\PhysicalDrive31",
+	                                                  "[ERROR] CANNOT OPEN Drive (\\\\.\\PhysicalDrive31)"},
+	         {path("list"), path("index"), path("no/data"), "[ERROR] Open DATA FILE"},
+	         {path("list"), path("no/index"), path("data"), "[ERROR] INDEX FILE ("},
+	         {path("no/list"), path("index"), path("data"), "[ERROR] SESSION LIST ("}}) {
+		mStorage.Create(list.c_str(), index.c_str(), data.c_str(), 8);
+		EXPECT_TRUE(hasLogged(line) && !mStorage.IsReady() && mStorage.GetTotalSpace() == 0) << line;
+		EXPECT_TRUE(!fs::exists(path("data")) && !record(10, 0, 1)) << line; // nothing could be found again
+	}
 }
 
 TEST_F(StorageTest, SmallFileSystemFills) {

@@ -34,23 +34,19 @@ public:
 
 	/// The `nth` call of that kind from now (1: the next) fails with `error`; with `onwards` all later ones too.
 	void fail(Call call, int nth, uint32_t error = 5, bool onwards = false) {
-		change([&](State& s) { s.faults[call] = {s.calls[call] + nth, error, onwards, 0}; });
+		state()->faults[call] = {nth, error, onwards, 0};
 	}
 	/// The `nth` write from now moves at most `bytes` and leaves `error`.
-	void tearWrite(int nth, uint32_t bytes, uint32_t error = 112) {
-		change([&](State& s) { s.faults[Call::write] = {s.calls[Call::write] + nth, error, false, bytes}; });
-	}
+	void tearWrite(int nth, uint32_t bytes) { state()->faults[Call::write] = {nth, 112, false, bytes}; }
 	/// Bytes that may still be written, over all files; -1 is no limit. Writing over old contents counts too.
-	void setSpace(int64_t bytes) {
-		change([&](State& s) { s.space = bytes; });
-	}
+	void setSpace(int64_t bytes) { state()->space = bytes; }
 	/// Takes the path as callers will give it.
-	void makeReadOnly(const std::string& path) {
-		change([&](State& s) { s.readOnly.insert(path); });
-	}
+	void makeReadOnly(const std::string& path) { state()->readOnly.insert(path); }
 	/// While held, writes wait before they are done; `waitForHeldWrite` until one does.
 	void holdWrites(bool held) {
-		change([&](State& s) { s.held = held, s.waited = false; });
+		const Locked now = state();
+		now->held = held;
+		now->waited = false;
 	}
 	void waitForHeldWrite() {
 		std::unique_lock<std::mutex> lock(mShared->mutex);
@@ -59,15 +55,9 @@ public:
 	/// Files that nobody closed yet.
 	long openFiles() const { return mShared.use_count() - 1; }
 	/// Forgets faults, limits and counts.
-	void reset() {
-		change([](State& s) { s = State(); });
-	}
+	void reset() { *state().operator->() = State(); }
 	/// Calls of that kind since the start or `reset`, failed ones included.
-	int calls(Call call) {
-		int count = 0;
-		change([&](State& s) { count = s.calls[call]; });
-		return count;
-	}
+	int calls(Call call) { return state()->calls[call]; }
 
 	std::unique_ptr<platform::File> open(const char* path, const platform::FileOpen& how) override {
 		if (!passes(Call::open)) return nullptr;
@@ -85,7 +75,7 @@ public:
 
 private:
 	struct Fault {
-		int at = 0; // number of the call; 0: none
+		int left = 0; // calls to it; 0: none
 		uint32_t error = 0;
 		bool onwards = false;
 		uint32_t passing = 0; // bytes of a torn write
@@ -111,9 +101,10 @@ private:
 				changed.notify_all();
 				changed.wait(lock, [&] { return !state.held; });
 			}
-			const int number = ++state.calls[call];
-			const Fault& fault = state.faults[call];
-			const bool hit = fault.at && (number == fault.at || (fault.onwards && number > fault.at));
+			++state.calls[call];
+			Fault& fault = state.faults[call];
+			const bool hit = fault.left > 0 && --fault.left == 0;
+			if (hit && fault.onwards) fault.left = 1;
 			uint32_t allowed = hit ? std::min(count, fault.passing) : count;
 			uint32_t error = hit ? fault.error : 0;
 			if (call == Call::write && state.space >= 0) {
@@ -126,6 +117,15 @@ private:
 			if (error) platform::setLastError(error);
 			return allowed;
 		}
+	};
+
+	/// The state, locked while this lives.
+	struct Locked {
+		explicit Locked(Shared& shared) : mShared(shared), mLock(shared.mutex) {}
+		~Locked() { mShared.changed.notify_all(); }
+		State* operator->() const { return &mShared.state; }
+		Shared& mShared;
+		std::lock_guard<std::mutex> mLock;
 	};
 
 	class FaultyFile final : public platform::File {
@@ -162,16 +162,10 @@ private:
 		std::unique_ptr<platform::File> mFile;
 	};
 
-	template <class Change>
-	void change(Change what) {
-		const std::lock_guard<std::mutex> lock(mShared->mutex);
-		what(mShared->state);
-		mShared->changed.notify_all();
-	}
+	Locked state() const { return Locked(*mShared); }
 	bool passes(Call call) { return mShared->admit(call, 1) != 0; }
 	bool mayChange(const char* path) {
-		const std::lock_guard<std::mutex> lock(mShared->mutex);
-		if (!path || !mShared->state.readOnly.count(path)) return true;
+		if (!path || !state()->readOnly.count(path)) return true;
 		platform::setLastError(5);
 		return false;
 	}

@@ -4,6 +4,7 @@
 #include "qor/platform/memory.h"
 #include "support/temp_folder.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -11,6 +12,7 @@ namespace {
 
 using namespace platform;
 using test_support::readFile;
+using test_support::TempFolder;
 using test_support::writeFile;
 
 constexpr uint32_t kBoth = kAccessRead | kAccessWrite;
@@ -35,9 +37,42 @@ std::pair<int64_t, uint32_t> outcome(Result result) {
 }
 using Outcome = std::pair<int64_t, uint32_t>;
 
+constexpr int64_t kSector = 512;
+constexpr int64_t kImageSize = int64_t{16} << 20;
+
+alignas(4096) char gBuffer[4096];
+
+std::unique_ptr<File> openDevice(const std::string& name, uint32_t access = kAccessRead | kAccessWrite) {
+	return fileSystem().open(name.c_str(), {Disposition::openExisting, access, kShareRead | kShareWrite, kRawTransfer});
+}
+
+/// "<number>:<first sector>+<sectors>:<type>" with '*' for bootable and '!' for recognised.
+std::string tableOf(File& disk) {
+	DiskLayout layout;
+	if (!disk.layout(&layout)) return "none";
+	std::string text;
+	for (const auto& p : layout.partitions) {
+		text += std::to_string(p.number) + ':' + std::to_string(p.startingOffset / kSector) + '+' +
+		        std::to_string(p.length / kSector) + ':' + std::to_string(p.type) + (p.bootIndicator ? "*" : "") +
+		        (p.recognized ? "! " : " ");
+	}
+	return text;
+}
+
+std::string numberOf(File& device) {
+	DeviceNumber n;
+	if (!device.deviceNumber(&n)) return "none";
+	return std::to_string(n.deviceType) + ':' + std::to_string(n.diskNumber) + ':' + std::to_string(n.partitionNumber);
+}
+
+int64_t sizeByGeometry(File& device) {
+	DiskGeometry g;
+	return device.geometry(&g) ? g.cylinders * g.tracksPerCylinder * g.sectorsPerTrack * g.bytesPerSector : -1;
+}
+
 struct FileTest : testing::Test {
 	FileTest() { setLastError(0); }
-	test_support::TempFolder mFolder;
+	TempFolder mFolder;
 	const std::string mPath = mFolder.path("file");
 };
 
@@ -47,9 +82,11 @@ TEST_F(FileTest, Dispositions) {
 	    {5, false, -1, 2}, {5, true, 0, 0}, {9, true, -1, 87}};
 	for (const auto& [disposition, existed, expected, error] : cases) {
 		SCOPED_TRACE(testing::Message() << disposition << " existed " << existed);
-		std::filesystem::remove(mPath);
+		const std::string path = mFolder.path() + (disposition % 2 ? "\\file" : "/file");
+		const bool was = fileSystem().exists(path.c_str());
+		EXPECT_TRUE(fileSystem().remove(path.c_str()) == was && !fileSystem().exists(mPath.c_str()));
 		if (existed) writeFile(mPath, "12345");
-		auto file = openFile(mPath, static_cast<Disposition>(disposition));
+		auto file = openFile(path, static_cast<Disposition>(disposition));
 		EXPECT_EQ(lastError(), error);
 		EXPECT_EQ(file ? sizeOf(*file) : -1, expected); // -1: does not open
 	}
@@ -66,18 +103,9 @@ TEST_F(FileTest, RefusedPaths) {
 		EXPECT_EQ(outcome(fileSystem().open(path, {Disposition::openAlways, kBoth}) != nullptr), Outcome(0, error));
 		EXPECT_FALSE(fileSystem().exists(path) || fileSystem().remove(path));
 	}
+	EXPECT_EQ(outcome(fileSystem().replace(missing.c_str(), mPath.c_str())), Outcome(0, 3));
 	EXPECT_EQ(outcome(openFile(mFolder.path()) != nullptr), Outcome(0, 5)); // a folder
 	EXPECT_TRUE(fileSystem().exists(mFolder.path().c_str()) && !fileSystem().remove(mFolder.path().c_str()));
-}
-
-TEST_F(FileTest, BothSeparators) {
-	writeFile(mPath, "x");
-	for (const char* name : {"/file", "\\file"}) {
-		EXPECT_TRUE(openFile(mFolder.path() + name) && fileSystem().exists((mFolder.path() + name).c_str())) << name;
-	}
-	EXPECT_TRUE(fileSystem().remove((mFolder.path() + "\\file").c_str()));
-	EXPECT_FALSE(fileSystem().exists(mPath.c_str()));
-	EXPECT_EQ(outcome(fileSystem().remove(mPath.c_str())), Outcome(0, 2));
 }
 
 TEST_F(FileTest, Sharing) {
@@ -138,10 +166,9 @@ TEST_F(FileTest, AccessIsKept) {
 	EXPECT_EQ(outcome(reader->write("x", 1)), Outcome(0, 5));
 	EXPECT_EQ(outcome(writer->read(&byte, 1)), Outcome(0, 5));
 	EXPECT_TRUE(reader->flush());
-	DiskGeometry geometry;
-	DiskLayout layout;
-	DeviceNumber number;
-	EXPECT_FALSE(reader->geometry(&geometry) || reader->layout(&layout) || reader->deviceNumber(&number));
+	const auto full = openFile("/dev/full", Disposition::openExisting, kAccessWrite);
+	EXPECT_TRUE(!full || outcome(full->write("x", 1)) == Outcome(0, 112)); // not everywhere
+	EXPECT_EQ(tableOf(*reader) + numberOf(*reader) + std::to_string(sizeByGeometry(*reader)), "nonenone-1");
 }
 
 TEST_F(FileTest, RawTransfers) {
@@ -174,28 +201,150 @@ TEST_F(FileTest, RawTransfers) {
 	releasePages(pages, kSize + kTransferAlignment);
 }
 
-TEST_F(FileTest, FullMedium) {
-	if (!fileSystem().exists("/dev/full")) GTEST_SKIP() << "no always-full file on this system";
-	auto full = openFile("/dev/full", Disposition::openExisting, kAccessWrite);
-	ASSERT_NE(full, nullptr);
-	EXPECT_EQ(outcome(full->write("x", 1)), Outcome(0, 112));
+TEST(Folder, NameParts) {
+	for (const auto& [path, name] : std::initializer_list<std::pair<const char*, const char*>>{
+	         {"a/b\\c.txt", "c.txt"}, {"a\\b/c.txt", "c.txt"}, {"plain", "plain"}, {"a/", ""}, {"", ""}, {nullptr, ""}})
+		EXPECT_STREQ(fileNamePart(path), name);
 }
 
-TEST_F(FileTest, ReplaceIsOneStep) {
-	const std::string from = mFolder.path("new");
-	const auto replace = [](const std::string& a, const std::string& b) {
-		return fileSystem().replace(a.c_str(), b.c_str());
+TEST(Folder, MakesFoldersAndListsTheirFiles) {
+	TempFolder folder;
+	const std::string start = folder.path(""), sub = start + "sub.raw" + kPathSeparator;
+	for (const char* deep : {"sub.raw/a\\b", "sub.raw\\a/b/"}) EXPECT_TRUE(makeFolders((start + deep).c_str()));
+	std::error_code refused;
+	std::filesystem::create_directory_symlink(start, start + "circle", refused); // needs a privilege on Windows
+	for (const char* name :
+	    {"b.raw", "a.RAW", "c.rawx", "d.x.raw", "raw", "e.raw.txt", "sub.raw/a/deep.raw", "sub.raw/low.raw"})
+		writeFile(folder.path(name), name);
+	using Files = std::vector<std::string>;
+	Files expected = {start + "a.RAW", start + "b.raw", start + "d.x.raw"};
+	std::vector<FoundFile> found;
+	const auto list = [&](const char* extension, bool recursive, size_t maximum) {
+		Files files;
+		EXPECT_TRUE(listFiles(folder.path().c_str(), extension, recursive, maximum, &found));
+		for (const auto& file : found) files.push_back(file.path);
+		return files;
 	};
-	EXPECT_EQ(outcome(replace(from, mPath)), Outcome(0, 2));
-	for (const char* contents : {"first", "second"}) { // without and with a target
-		writeFile(from, contents);
-		EXPECT_TRUE(replace(from, mPath));
-		EXPECT_EQ(readFile(mPath), contents);
-		EXPECT_FALSE(fileSystem().exists(from.c_str()));
+	EXPECT_EQ(list("raw", false, 100), expected);
+	EXPECT_EQ(list("RAW", false, 2), Files(expected.begin(), expected.begin() + 2)) << "a cut list has the first names";
+	EXPECT_EQ(list("", false, 100), Files{start + "raw"});
+	EXPECT_EQ(found.at(0).size, 3u) << "of what was written into it";
+	expected.push_back(sub + "low.raw");
+	EXPECT_EQ(list("Raw", true, 4), expected);
+	expected.push_back(sub + "a" + kPathSeparator + "deep.raw");
+	EXPECT_EQ(list("raw", true, 100), expected);
+	EXPECT_TRUE(listFiles(start.c_str(), "txt", false, 9, &found) && found.at(0).path == start + "e.raw.txt");
+	for (const auto& none : {folder.path("none"), folder.path("b.raw"), std::string()})
+		EXPECT_FALSE(listFiles(none.c_str(), "raw", true, 9, &found) || !found.empty()) << none;
+	EXPECT_FALSE(listFiles(nullptr, "raw", true, 9, &found) || makeFolders(nullptr) || makeFolders(""));
+	for (const char* below : {"b.raw", "b.raw/below"}) EXPECT_FALSE(makeFolders(folder.path(below).c_str()));
+}
+
+TEST(Folder, FullPath) {
+	TempFolder folder;
+	const std::string base = folder.path("");
+	const std::string current = std::filesystem::current_path().string() + kPathSeparator;
+	const std::pair<std::string, std::string> cases[] = {{base + "x", base + "x"}, {base + "a/../x", base + "x"},
+	    {base + ".\\x", base + "x"}, {base + "x\\", base + "x" + kPathSeparator}, {base + "none/..", folder.path()},
+	    {"\\\\.\\PhysicalDrive1", "\\\\.\\PhysicalDrive1"}, {"name", current + "name"}, {"", ""}};
+	for (const auto& [path, full] : cases) EXPECT_EQ(fullPath(path.c_str()), full);
+	EXPECT_EQ(fullPath(nullptr), "");
+	if (kPathSeparator == '\\') return; // where a link does not change what ".." means
+	std::filesystem::create_directories(folder.path("far/inner"));
+	std::filesystem::create_symlink("far/inner", folder.path("link"));
+	writeFile(folder.path("far/x"), "");
+	EXPECT_EQ(fullPath((base + "link/../x").c_str()), base + "link/../x");
+}
+
+class Disk : public testing::Test {
+protected:
+	void SetUp() override {
+		if (kPathSeparator == '\\') GTEST_SKIP() << "disks cannot be named freely on this system";
 	}
-	writeFile(from, "third");
-	EXPECT_FALSE(replace(from, mFolder.path()) || replace(from, "") || fileSystem().replace(nullptr, mPath.c_str()));
-	EXPECT_EQ(readFile(from) + readFile(mPath), "thirdsecond");
+	void TearDown() override { name("", ""); }
+	void name(const std::string& disks, const std::string& drives) {
+		static std::string variables[2]; // the environment refers to them
+		variables[0] = "qorDisks=" + disks;
+		variables[1] = "qorDrives=" + drives;
+		for (auto& variable : variables) putenv(variable.data());
+	}
+	/// Makes an image, with a table from the partitioning tool's script.
+	std::string makeImage(const std::string& script, int64_t size = kImageSize) {
+		const std::string path = mFolder.path("disk.img");
+		writeFile(path, "");
+		std::filesystem::resize_file(path, static_cast<uintmax_t>(size));
+		writeFile(mFolder.path("script"), script);
+		const std::string command = "sfdisk -q --no-reread " + path + " < " + mFolder.path("script");
+		EXPECT_TRUE(script.empty() || std::system(command.c_str()) == 0);
+		return path;
+	}
+	TempFolder mFolder;
+};
+
+constexpr const char* kScript = "label: dos\n1 : start=2048, size=4096, type=83, bootable\n"
+                                "2 : start=8192, size=16384, type=5\n"
+                                "5 : start=10240, size=2048, type=7\n6 : start=14336, size=2000, type=c\n";
+// The second place holds the later two and has no number; the places three and four are unused.
+constexpr const char* kTable = "1:2048+4096:131* 0:8192+16384:5 0:0+0:0 0:0+0:0 5:10240+2048:7! 6:14336+2000:12! ";
+
+TEST(SystemDisk, Queries) {
+	auto disk = openDevice("\\\\.\\PhysicalDrive0", kAccessRead);
+	if (!disk) GTEST_SKIP() << "no disk that this system lets us ask, error " << lastError();
+	EXPECT_GT(sizeByGeometry(*disk), 0);
+	EXPECT_EQ(numberOf(*disk), "7:0:0");
+	EXPECT_FALSE(disk->geometry(nullptr) || disk->deviceNumber(nullptr) || disk->layout(nullptr));
+	if (tableOf(*disk) == "none") GTEST_SKIP() << "no partition table from this system, error " << lastError();
+}
+
+TEST_F(Disk, OnlyWhatIsNamedExists) {
+	const std::string image = makeImage("");
+	name(image + "::" + mFolder.path("missing.img"), "C=" + image + ":d=" + image + "#3");
+	for (const char* one : {"PhysicalDrive0", "physicaldrive0", "C:", "c:"})
+		EXPECT_NE(openDevice(std::string("\\\\.\\") + one), nullptr) << one;
+	for (const char* one : {"PhysicalDrive1", "PhysicalDrive2", "PhysicalDrive3", "PhysicalDrive", "PhysicalDrive0x",
+	         "PhysicalDrive-1", "PhysicalDrive4294967296", "D:", "E:", "C", "C:x", "", "dev/null", "../etc/passwd"}) {
+		EXPECT_EQ(openDevice(std::string("\\\\.\\") + one), nullptr) << one;
+		EXPECT_EQ(lastError(), 2u) << one;
+	}
+	EXPECT_EQ(fileSystem().open("\\\\.\\C:", {Disposition::createAlways, kAccessWrite}), nullptr);
+	EXPECT_EQ(std::filesystem::file_size(image), static_cast<uintmax_t>(kImageSize));
+}
+
+TEST_F(Disk, GeometryAndTables) {
+	// The odd bytes are those of a sector at the end that is not whole; they do not count.
+	static constexpr std::tuple<const char*, int64_t, const char*> cases[] = {{"", 700, ""}, {kScript, 0, kTable},
+	    {"label: gpt\n1 : start=2048, size=4096\n3 : start=8192, size=100\n", 0, "1:2048+4096:238! 3:8192+100:238! "}};
+	for (const auto& [script, odd, table] : cases) {
+		name(makeImage(script, kImageSize + odd), "");
+		auto disk = openDevice("\\\\.\\PhysicalDrive0", kAccessRead);
+		ASSERT_NE(disk, nullptr);
+		int64_t bytes = 0;
+		EXPECT_TRUE(disk->size(&bytes) && bytes == kImageSize + odd / kSector * kSector);
+		EXPECT_EQ(sizeByGeometry(*disk), bytes);
+		EXPECT_EQ(tableOf(*disk), table);
+		EXPECT_EQ(numberOf(*disk), "7:0:0");
+	}
+}
+
+TEST_F(Disk, VolumeIsAWindowOntoItsDisk) {
+	const std::string image = makeImage(kScript);
+	name(mFolder.path("missing.img") + ":" + image, "V=" + image + "#6");
+	auto volume = openDevice("\\\\.\\V:");
+	ASSERT_NE(volume, nullptr);
+	EXPECT_EQ(numberOf(*volume), "7:1:6");
+	EXPECT_EQ(tableOf(*volume), kTable);
+	EXPECT_EQ(sizeByGeometry(*volume), 2000 * kSector);
+	std::memset(gBuffer, 'v', sizeof gBuffer);
+	EXPECT_EQ(volume->write(gBuffer, 512), 512u);
+	EXPECT_EQ(readFile(image).substr(14336 * kSector, 513), std::string(512, 'v') + '\0');
+	EXPECT_TRUE(volume->seek(-512, SeekOrigin::end, nullptr));
+	for (const uint32_t taken : {512u, 0u}) { // never beyond the end
+		EXPECT_EQ(volume->write(gBuffer, 4096), taken);
+		EXPECT_EQ(lastError(), 112u);
+	}
+	EXPECT_EQ(volume->read(gBuffer, 512), 0u);
+	EXPECT_EQ(readFile(image).substr((14336 + 2000) * kSector, 512), std::string(512, '\0'));
+	EXPECT_EQ(std::filesystem::file_size(image), static_cast<uintmax_t>(kImageSize));
 }
 
 } // namespace

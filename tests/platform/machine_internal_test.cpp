@@ -1,6 +1,7 @@
 #include "qor/platform/clock.h"
 #include "qor/platform/faults.h"
 #include "qor/platform/folder.h"
+#include "qor/platform/format.h"
 #include "qor/platform/machine.h"
 #include "qor/platform/memory.h"
 #include "qor/platform/module.h"
@@ -46,8 +47,8 @@ TEST(Machine, TextsFitWholeOrNotAtAll) {
 
 TEST(Machine, MemoryAndNumbers) {
 	const MemoryStatus status = memoryStatus();
-	EXPECT_GT(status.totalPhysical, 64u << 20);
-	EXPECT_TRUE(status.availablePhysical > 0 && status.availablePhysical < status.totalPhysical);
+	EXPECT_TRUE(status.totalPhysical > 64u << 20 && status.availablePhysical > 0 &&
+	            status.availablePhysical < status.totalPhysical);
 	const uint32_t process = processId(), thread = threadId();
 	std::thread([&] { EXPECT_TRUE(processId() == process && threadId() != thread); }).join();
 	EXPECT_EQ(threadId(), thread);
@@ -63,9 +64,6 @@ TEST(Memory, BlocksOfTheHeap) {
 	block = static_cast<char*>(reallocate(block, 100000));
 	EXPECT_STREQ(block, "ab");
 	std::free(block); // the heap of the host
-	char* zeroed = static_cast<char*>(allocateZeroed(1000));
-	EXPECT_EQ(std::count(zeroed, zeroed + 1000, 0), 1000);
-	release(zeroed);
 	for (void* nothing : {allocate(0), allocateZeroed(0), reallocate(nullptr, 0)}) {
 		EXPECT_NE(nothing, nullptr);
 		release(nothing);
@@ -122,19 +120,18 @@ TEST(Clock, SleepsAtLeastTheTimeGiven) {
 }
 
 TEST(Clock, LocalTimeIsTheCalendarOfTheMachine) {
+	const auto text = [](std::time_t at) {
+		char out[32];
+		return std::string(out, std::strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S %w", std::localtime(&at)));
+	};
 	const std::time_t before = std::time(nullptr);
 	const LocalTime now = localTime();
-	const std::time_t after = std::time(nullptr);
-	std::tm broken = *std::localtime(&before); // for the daylight saving in force
-	broken.tm_year = now.year - 1900;
-	broken.tm_mon = now.month - 1;
-	broken.tm_mday = now.day;
-	broken.tm_hour = now.hour;
-	broken.tm_min = now.minute;
-	broken.tm_sec = now.second;
-	const std::time_t seconds = std::mktime(&broken);
-	EXPECT_EQ(std::clamp(seconds, before - 1, after + 1), seconds); // the two clocks may differ by a tick
-	EXPECT_EQ(broken.tm_wday, now.dayOfWeek);
+	char out[32];
+	formatText(out, sizeof out, "%d-%02d-%02d %02d:%02d:%02d %d", now.year, now.month, now.day, now.hour, now.minute,
+	    now.second, now.dayOfWeek);
+	int found = 0; // the two clocks may differ by a tick
+	for (std::time_t at = before - 1; at <= std::time(nullptr) + 1; ++at) found += text(at) == out;
+	EXPECT_EQ(found, 1) << out;
 	EXPECT_EQ(std::clamp(now.millisecond, 0, 999), now.millisecond);
 }
 
@@ -144,8 +141,7 @@ TEST(Module, FailuresTellTheReason) {
 	test_support::writeFile(text, "not a library");
 	for (const char* path : {missing.c_str(), "none_of_that_name", "", static_cast<const char*>(nullptr)}) {
 		setLastError(0);
-		EXPECT_EQ(loadModule(path), nullptr);
-		EXPECT_EQ(lastError(), 126u);
+		EXPECT_TRUE(!loadModule(path) && lastError() == 126) << lastError();
 	}
 	setLastError(0);
 	EXPECT_TRUE(!loadModule(text.c_str()) && lastError() != 0);

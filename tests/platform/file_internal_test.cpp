@@ -270,12 +270,11 @@ protected:
 	}
 	/// Makes an image, with a table from the partitioning tool's script.
 	std::string makeImage(const std::string& script, int64_t size = kImageSize) {
-		const std::string path = mFolder.path("disk.img");
+		const std::string path = mFolder.path("disk.img"), text = mFolder.path("script");
 		writeFile(path, "");
 		std::filesystem::resize_file(path, static_cast<uintmax_t>(size));
-		writeFile(mFolder.path("script"), script);
-		const std::string command = "sfdisk -q --no-reread " + path + " < " + mFolder.path("script");
-		EXPECT_TRUE(script.empty() || std::system(command.c_str()) == 0);
+		writeFile(text, script);
+		EXPECT_TRUE(script.empty() || std::system(("sfdisk -q --no-reread " + path + " < " + text).c_str()) == 0);
 		return path;
 	}
 	TempFolder mFolder;

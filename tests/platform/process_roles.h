@@ -29,13 +29,9 @@ class RolePlayer : public testing::Environment {
 };
 inline const testing::Environment* const gRolePlayer = testing::AddGlobalTestEnvironment(new RolePlayer);
 
-/// The command that runs another process in that role; the argument needs no quotes.
-inline std::string roleCommand(const char* role, const std::string& argument) {
-	return "\"" + testing::internal::GetArgvs()[0] + "\" " + role + " " + argument;
-}
-
+/// Runs another process in that role; the argument needs no quotes.
 inline int runRole(const char* role, const std::string& argument) {
-	return std::system(roleCommand(role, argument).c_str());
+	return std::system(('"' + testing::internal::GetArgvs()[0] + "\" " + role + " " + argument).c_str());
 }
 
 } // namespace test_support

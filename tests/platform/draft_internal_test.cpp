@@ -219,7 +219,7 @@ TEST_F(ProfileTest, KnowsEncodingsAndLineEnds) {
 	}
 }
 
-TEST_F(ProfileTest, Writes) {
+TEST_F(ProfileTest, WritesAndRefuses) {
 	using Text = const char*;
 	static constexpr std::tuple<Text, Text, Text, Text> cases[] = {
 	    {"one", "A", "new", "; top\n[One]\na=new\n; note\nb=2\n[Two]\nc=3\n"},
@@ -236,9 +236,7 @@ TEST_F(ProfileTest, Writes) {
 	}
 	EXPECT_EQ(write("two", "blanks", " \t b  "), 1);
 	EXPECT_EQ(get("two", "blanks", ""), "b");
-}
-
-TEST_F(ProfileTest, MakesFilesAndRefuses) {
+	fs::remove(mPath);
 	EXPECT_EQ(write("s", "k", "v"), 1);
 	EXPECT_EQ(readFile(mPath).find("[s]\r\nk=v\r\n"), 0u);
 	EXPECT_EQ(write("s", "k", "v\n[x]\ny=1") + write("s", "k\r", "v") + write("s\n", "k", "v"), 0);

@@ -85,15 +85,13 @@ TEST(Mutex, OfAnEndedThreadIsAbandonedOnceItsHandleIsSignalled) {
 
 TEST(Semaphore, CountsUpToItsMaximum) {
 	// Initial value, maximum, permits released; whether it is made, whether released; permits afterwards.
-	static constexpr std::tuple<const char*, int32_t, int32_t, int32_t, bool, bool, int> rows[] = {
-	    {"negative initial", -1, 1, 1, false, false, 0}, {"no maximum", 0, 0, 1, false, false, 0},
-	    {"initial above maximum", 3, 2, 1, false, false, 0}, {"to the maximum", 1, 3, 2, true, true, 3},
-	    {"past the maximum", 1, 3, 3, true, false, 1}, {"largest", 0x7FFFFFFE, 0x7FFFFFFF, 1, true, true, 4},
-	    {"past the largest", 2, 0x7FFFFFFF, 0x7FFFFFFE, true, false, 2}, {"nothing", 1, 3, 0, true, false, 1},
-	    {"less", 1, 3, -1, true, false, 1}};
-	for (const auto& [kind, initial, maximum, count, made, released, expected] : rows) {
+	static constexpr std::tuple<int32_t, int32_t, int32_t, bool, bool, int> rows[] = {{-1, 1, 1, false, false, 0},
+	    {0, 0, 1, false, false, 0}, {3, 2, 1, false, false, 0}, {1, 3, 2, true, true, 3}, {1, 3, 3, true, false, 1},
+	    {INT32_MAX - 1, INT32_MAX, 1, true, true, 4}, {2, INT32_MAX, INT32_MAX - 1, true, false, 2},
+	    {1, 3, 0, true, false, 1}, {1, 3, -1, true, false, 1}};
+	for (const auto& [initial, maximum, count, made, released, expected] : rows) {
 		for (const auto& name : privateAndNamed()) {
-			SCOPED_TRACE(kind + name);
+			SCOPED_TRACE(testing::Message() << initial << " of " << maximum << " and " << count << name);
 			const Owned semaphore(createSemaphore(initial, maximum, name.c_str()));
 			ASSERT_EQ(semaphore != nullptr, made);
 			if (!made) continue;

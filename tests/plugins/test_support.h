@@ -63,6 +63,11 @@ struct FakeDevice {
 	}
 };
 
+inline int offer(void* manager, void* plugIn, FakeDevice& device) {
+	return CqorSIO_PIManager::_manCB(
+	    manager, plugIn, qorSIO_CB_PI_CREATE_OBJECT, 0, 0, &device, reinterpret_cast<void*>(&FakeDevice::function));
+}
+
 /// A manager whose host makes an object for every device of the plug-ins that ship, and one
 /// camera among them with what it delivers.
 class CameraTest : public testing::Test {

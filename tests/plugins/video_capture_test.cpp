@@ -109,47 +109,35 @@ TEST(VideoCapture, PropertiesAndTheirKeys) {
 
 	c.device.values = {{"!pixformat", "Mono8"}, {"!genicam:str:F", "\"a, b\""}};
 	char text[3][kQorSioValueSize] = {"old"};
-	EXPECT_EQ(c.getPixFormatConversion(text[0]), kFailure);
-	EXPECT_EQ(c.getPixFormat(text[1]) | c.genICam_GetString("F", text[2]), 0);
-	EXPECT_EQ((std::vector<std::string>{text[0], text[1], text[2]}), (std::vector<std::string>{"", "Mono8", "a, b"}));
+	EXPECT_TRUE(c.getPixFormatConversion(text[0]) == kFailure && !*text[0]);
+	EXPECT_TRUE(c.getPixFormat(text[1]) == 0 && std::string(text[1]) == "Mono8");
+	EXPECT_TRUE(c.genICam_GetString("F", text[2]) == 0 && std::string(text[2]) == "a, b");
 }
 
 TEST(VideoCapture, EventsReachTheHost) {
 	Camera camera;
+	camera.device.values = {{"!vendorname", "V"}, {"!modelname", std::string(200, 'm')},
+	    {"!manufacturerinfo", "\"I, J\""}, {"!version", "1"}, {"!firmwareversion", "2"}, {"!deviceID", "D%s"},
+	    {"!vendorinfo", "not a camera's"}};
 	uint32_t words[14] = {7, 8};
 	EXPECT_EQ(camera.event(40010, 1, 2, words, &camera), 0);
 	EXPECT_EQ(camera.event(40010), kFailure) << "no information";
-	EXPECT_EQ(camera.event(40011, 1), 0);
-	EXPECT_EQ(camera.IsSensorAcquiring(), 1);
-	camera.event(40011, 2);
-	EXPECT_EQ(camera.IsSensorAcquiring(), 0);
-	camera.event(40101);
-	EXPECT_TRUE(camera.isOnline());
-	camera.event(40110, 3);
-	EXPECT_FALSE(camera.isOnline());
+	EXPECT_TRUE(camera.event(40011, 1) == 0 && camera.IsSensorAcquiring() == 1);
+	EXPECT_TRUE(camera.event(40011, 2) == 0 && camera.IsSensorAcquiring() == 0);
+	EXPECT_TRUE(camera.event(40101) == 0 && camera.isOnline() && camera.device.commands.empty());
+	EXPECT_TRUE(camera.event(40110, 3) == 0 && !camera.isOnline());
+	EXPECT_TRUE(camera.event(40100) == 0 && camera.isOnline());
 	camera.event(40200, 4, 5, words, &camera);
 	EXPECT_EQ(camera.event(40120) | camera.event(1), 0) << "ignored";
 	const std::vector<Event> expected = {{40010, 8, 0, words, nullptr}, {40011, 1, 0, nullptr, nullptr},
 	    {40011, 2, 0, nullptr, nullptr}, {40101, 0, 0, nullptr, nullptr}, {40110, 3, 0, nullptr, nullptr},
-	    {40200, 4, 5, words, &camera}};
+	    {40100, 0, 0, nullptr, nullptr}, {40200, 4, 5, words, &camera}};
 	EXPECT_EQ(camera.events, expected);
 	EXPECT_EQ(camera.GetFrameCount(), 1);
-	EXPECT_EQ(camera.callUserCB(1, 0, 0, nullptr, nullptr), 5);
-	camera.SetUserCallBack(nullptr, nullptr);
-	EXPECT_EQ(camera.callUserCB(1, 0, 0, nullptr, nullptr), kFailure);
-}
-
-TEST(VideoCapture, ReadsTheDeviceStringsWhenItConnects) {
-	Camera camera;
-	camera.device.values = {{"!vendorname", "V"}, {"!modelname", std::string(200, 'm')},
-	    {"!manufacturerinfo", "\"I, J\""}, {"!version", "1"}, {"!firmwareversion", "2"}, {"!deviceID", "D%s"},
-	    {"!vendorinfo", "not a camera's"}};
-	camera.event(40100);
-	EXPECT_TRUE(camera.isOnline());
-	EXPECT_EQ(camera.events, (std::vector<Event>{{40100, 0, 0, nullptr, nullptr}}));
 	const std::vector<std::string> read = {camera.getVendorName(), camera.getModelName(), camera.getManufacturerInfo(),
 	    camera.getVersion(), camera.getFirmwareVersion(), camera.GetDeviceID()};
 	EXPECT_EQ(read, (std::vector<std::string>{"V", std::string(127, 'm'), "I, J", "1", "2", "D%s"}));
+	EXPECT_EQ(camera.callUserCB(1, 0, 0, nullptr, nullptr), 5);
 }
 
 TEST(VideoCapture, TheFifthFrameForgetsTheStartUp) {
@@ -203,9 +191,8 @@ TEST(VideoCapture, GeometryWaitsForTheHost) {
 	camera.device.onCommand = [&] { EXPECT_TRUE(camera.isGeometryChanging() && camera.acknowledges); };
 	EXPECT_EQ(camera.setROI(1, 2, 3, 4), 0);
 	host.join();
-	EXPECT_FALSE(camera.isGeometryChanging());
+	EXPECT_FALSE(camera.isGeometryChanging() || log.has("TIMEOUT!!!"));
 	EXPECT_TRUE(log.has("[BEGIN] [CqorSIO_VideoCap] ") && log.has(": setROI(1,2,3,4)"));
-	EXPECT_FALSE(log.has("TIMEOUT!!!"));
 	camera.device.reply = "!roi,17";
 	EXPECT_EQ(camera.setROI(1, 2, 3, 4), 17);
 	EXPECT_EQ(camera.setROIex(1, 2, 3, 4, 5, 6), kFailure) << "no key in the reply";
@@ -213,36 +200,27 @@ TEST(VideoCapture, GeometryWaitsForTheHost) {
 	EXPECT_EQ(camera.setWidth(64), kFailure);
 	EXPECT_EQ(camera.setROI(1, 2, 3, 4) | camera.setROIex(1, 2, 3, 4, 5, 6), 0) << "told by the log alone";
 	EXPECT_TRUE(log.has("setROI(1,2,3,4) - P2") && log.has("setROIEX(1,2,3,4,5,6) - P2"));
-	EXPECT_FALSE(camera.isGeometryChanging());
-}
 
-TEST(VideoCapture, GeometryChangesWithoutTheHostInTheEnd) {
-	Camera camera;
-	LogCapture log;
-	camera.acknowledges = false;
+	camera.acknowledges = false; // the change is made without the host in the end
+	camera.device.onCommand = nullptr;
 	const auto begin = std::chrono::steady_clock::now();
-	EXPECT_EQ(camera.setWidth(64), 0);
+	EXPECT_EQ(camera.setROI(5, 6, 7, 8), 0);
 	EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2900));
-	EXPECT_TRUE(log.has("TIMEOUT!!!"));
-	EXPECT_EQ(camera.device.commands, std::vector<std::string>{"set,!width,64"});
+	EXPECT_TRUE(log.has("TIMEOUT!!!") && camera.device.commands.back() == "set,!roi,5,6,7,8");
+	EXPECT_FALSE(camera.isGeometryChanging());
 }
 
 TEST(TimeCapture, SplitsTheTime) {
 	using Parts = std::array<double, 7>;
-	static const std::tuple<const char*, int, Parts> cases[] = {
-	    {"2026/11/21/13/45/59999/1.5", 0, {2026, 11, 21, 13, 45, 59999, 1.5}},
-	    {"1/2/3/4", 0, {1, 2, 3, 4}},
-	    {"/2//x/5/6/7e2/8", 0, {0, 2, 0, 0, 5, 6, 700}},
-	    {"65537/0/0/257", 0, {1, 0, 0, 1}},
-	    {"", kFailure, {}},
-	};
-	for (const auto& [value, result, parts] : cases) {
-		FakeDevice device;
+	FakeDevice device;
+	CqorSIO_TimeCap clock;
+	clock.piAccept(&device, &FakeDevice::function);
+	for (const auto& [value, parts] : std::map<std::string, Parts>{
+	         {"2026/11/21/13/45/59999/1.5", {2026, 11, 21, 13, 45, 59999, 1.5}}, {"1/2/3/4", {1, 2, 3, 4}},
+	         {"/2//x/5/6/7e2/8", {0, 2, 0, 0, 5, 6, 700}}, {"65537/0/0/257", {1, 0, 0, 1}}, {"", {}}}) {
 		device.values["!time"] = value;
-		CqorSIO_TimeCap clock;
-		clock.piAccept(&device, &FakeDevice::function);
 		eqorSIO_TIME t = {9, 9, 9, 9, 9, 9, 9};
-		EXPECT_EQ(clock.getTime(&t), result) << value;
+		EXPECT_EQ(clock.getTime(&t), value.empty() ? kFailure : 0) << value;
 		const Parts read = {
 		    1. * t.mPart1, 1. * t.mPart2, 1. * t.mPart3, 1. * t.mPart4, 1. * t.mPart5, 1. * t.mPart6, t.mPart7};
 		EXPECT_EQ(read, parts) << value;
@@ -266,6 +244,4 @@ TEST(TimeCapture, CountsEventsAndTheirRate) {
 	clock.CountHostEvents(30);
 	EXPECT_TRUE(eventually([&] { return clock.updatePerfCounters(), clock.GetEventRate() > 0; }));
 	EXPECT_NEAR(clock.GetHostEventRate() / clock.GetEventRate(), 10, 0.001);
-	EXPECT_EQ(clock.cmdOpen() | clock.cmdPrepare() | clock.cmdStart(), 0);
-	EXPECT_TRUE(clock.isOpen() && clock.isPrepared() && clock.isAcquiring());
 }

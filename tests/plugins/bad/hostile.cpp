@@ -4,7 +4,7 @@
 
 /// Offers devices no plug-in should; `answers` gives what the manager answered, `known` what it
 /// introduced itself with.
-static int sAnswers[7];
+static int sAnswers[5];
 static void* sKnown[2]; // manager, pi
 
 static int overrunInformation(void*, unsigned long code, unsigned long, unsigned long, void* p1, void*) {
@@ -12,14 +12,6 @@ static int overrunInformation(void*, unsigned long code, unsigned long, unsigned
 	// As long as the buffer, without a terminator, and then some.
 	std::memset(p1, 'x', QOR_SIO_INFORMATION_SIZE + 100);
 	std::memcpy(p1, "!siotype,CqorSIO_Object,%s%n", 28);
-	return 0;
-}
-
-static int noInformation(void*, unsigned long, unsigned long, unsigned long, void*, void*) { return 1; }
-
-static int refusesObject(void*, unsigned long code, unsigned long, unsigned long, void* p1, void*) {
-	if (code != qorSIO_OBJ_INFORMATION) return 1;
-	std::strcpy(static_cast<char*>(p1), "!siotype,CqorSIO_Object");
 	return 0;
 }
 
@@ -38,11 +30,9 @@ QOR_SIO_EXPORT int qorSIOEFunc(void* manager, unsigned long code, unsigned long,
 	};
 	sAnswers[0] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, nullptr);
 	sAnswers[1] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, overrunInformation);
-	sAnswers[2] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, noInformation);
-	sAnswers[3] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, refusesObject);
-	sAnswers[4] = offer(pi, 4711, refusesObject);
-	sAnswers[5] = offer(&sAnswers, qorSIO_CB_PI_CREATE_OBJECT, refusesObject);
-	sAnswers[6] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, camera);
+	sAnswers[2] = offer(pi, 4711, camera);
+	sAnswers[3] = offer(&sAnswers, qorSIO_CB_PI_CREATE_OBJECT, camera);
+	sAnswers[4] = offer(pi, qorSIO_CB_PI_CREATE_OBJECT, camera);
 	return 0;
 }
 

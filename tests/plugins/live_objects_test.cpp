@@ -78,14 +78,12 @@ TEST(LiveObjects, ADeviceThatAcquiresIsStoppedBeforeItGoes) {
 		camera->piAccept(&device, &FakeDevice::function);
 		uint32_t words[14] = {};
 		int answer = kFailure;
-		if (inItsFirstFrame) { // on the thread that starts it, before "start" is answered
-			camera->SetUserCallBack([](void*, CqorSIO_VideoCap* c, auto...) { return delete c, 0; }, nullptr);
+		camera->SetUserCallBack([](void*, CqorSIO_VideoCap* c, auto...) { return delete c, 0; }, nullptr);
+		if (inItsFirstFrame) // on the thread that starts it, before "start" is answered
 			device.onCommand = [&] {
 				if (device.commands.back() == "start,") answer = device.event(qorSIO_EVENT_DATA, words);
 			};
-		}
-		EXPECT_EQ(camera->cmdStart(), 0);
-		EXPECT_EQ(answer, kFailure);
+		EXPECT_TRUE(camera->cmdStart() == 0 && answer == kFailure);
 		if (!inItsFirstFrame) delete camera;
 		EXPECT_EQ(device.commands, (std::vector<std::string>{"start,", "stop,"}));
 	}

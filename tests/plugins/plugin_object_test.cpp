@@ -36,10 +36,8 @@ TEST(PlugInObject, VerboseCommandsAndReplies) {
 		device.results[qorSIO_OBJ_COMMAND] = 1;
 		EXPECT_EQ(call(object), kFailure) << "a refusal counts before the reply is read";
 	}
-	EXPECT_EQ(integer, -12);
-	EXPECT_EQ(number, 22.5f);
+	EXPECT_TRUE(integer == -12 && number == 22.5f && std::string(single) == "x");
 	EXPECT_STREQ(text, "a,\"b%n\\");
-	EXPECT_STREQ(single, "x");
 }
 
 TEST(PlugInObject, KeepsToTheSizesOfTheBoundary) {
@@ -49,8 +47,7 @@ TEST(PlugInObject, KeepsToTheSizesOfTheBoundary) {
 	ASSERT_EQ(object.piAccept(&device, &FakeDevice::function), 0);
 	char reply[QOR_SIO_REPLY_SIZE];
 	const std::string longest(599, 'x');
-	EXPECT_EQ(object.piVerboseCmd(reply, "%s", longest.c_str()), 0);
-	EXPECT_EQ(object.piVerboseCmd(nullptr, "x%%"), 0);
+	EXPECT_EQ(object.piVerboseCmd(reply, "%s", longest.c_str()) | object.piVerboseCmd(nullptr, "x%%"), 0);
 	EXPECT_EQ(object.piVerboseCmd(reply, "%sx", longest.c_str()), kFailure);
 	EXPECT_EQ(device.commands, (std::vector<std::string>{longest, "x%"})) << "a cut command is never sent";
 	EXPECT_TRUE(log.has("Command is longer than 599 characters"));

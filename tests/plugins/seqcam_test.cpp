@@ -37,28 +37,21 @@ TEST_F(SequenceCamera, GivesEveryFileByteForByteInOrder) {
 	    {"IMG_99999999999999999999999.pgm", "P5 1 1 255 \n"},
 	};
 	for (const auto& [name, bytes] : written) writeFile(folder.path(name), bytes);
-	writeFile(folder.path("notes_3.txt"), "not an image");
-	writeFile(folder.path("cover.pgm"), "no number, and no image either");
+	for (const char* name : {"notes_3.txt", "cover.pgm"}) writeFile(folder.path(name), "no numbered image");
 	ASSERT_EQ(setFolder(folder.path()), 0);
 	EXPECT_EQ(text("Folder"), folder.path()) << "backslashes and all";
 	EXPECT_EQ(camera->genICam_GetInt32("ImageCount"), 4);
-	EXPECT_EQ(text("FileName:1"), "img_10.PGM");
-	EXPECT_EQ(text("FileName:4"), "");
-	ASSERT_EQ(begin(0), 0);
-	ASSERT_TRUE(finish());
-	ASSERT_EQ(files.size(), 4u);
-	EXPECT_FALSE(hasTail);
+	EXPECT_TRUE(text("FileName:1") == "img_10.PGM" && text("FileName:4").empty());
+	ASSERT_TRUE(begin(0) == 0 && finish() && files.size() == 4 && !hasTail);
 	for (size_t i = 0; i < 4; ++i) {
 		EXPECT_EQ(files[i], written[i].second) << written[i].first;
-		EXPECT_EQ(frames[i].mFrameNumber, i);
-		EXPECT_EQ(frames[i].mFlags, 0u);
+		EXPECT_TRUE(frames[i].mFrameNumber == i && frames[i].mFlags == 0) << i;
 	}
 	const auto& f = frames[1];
 	const std::vector<uint64_t> told = {f.mPixelFormat, f.mWidth, f.mStride, f.mPixelOffset};
 	EXPECT_EQ(told, (std::vector<uint64_t>{qorSIO_PIXEL_MONO16_BIG_ENDIAN, 8, 16, written[1].second.size() - 32}));
 
-	EXPECT_EQ(camera->genICam_SetInt32("Loop", 1), 0);
-	EXPECT_EQ(camera->cmdPrepare() | camera->cmdStart(), 0);
+	EXPECT_EQ(camera->genICam_SetInt32("Loop", 1) | camera->cmdPrepare() | camera->cmdStart(), 0);
 	ASSERT_TRUE(eventually([&] { return count >= 4 + 9; }));
 	EXPECT_EQ(setFolder(folder.path()), 1) << "not while it plays";
 	EXPECT_EQ(camera->cmdStop(), 0);
@@ -87,34 +80,27 @@ TEST_F(SequenceCamera, RefusesDamagedImages) {
 	    {"endless comment", "P5 #" + std::string(5000, 'c'), "no valid width"},
 	    {"overflow of the size", "P5 65535 65535 65535\n", "bytes of pixels are missing"},
 	};
-	EXPECT_EQ(setFolder(folder.path()), 6);
-	EXPECT_EQ(text("Problem"), "the folder has no numbered images");
+	EXPECT_TRUE(setFolder(folder.path()) == 6 && text("Problem") == "the folder has no numbered images");
 	writeFile(folder.path("img_0.pgm"), "P5 1 1 255\nx");
 	for (const auto& [name, bytes, problem] : cases) {
 		SCOPED_TRACE(name);
 		writeFile(folder.path("img_1.pgm"), bytes);
-		EXPECT_EQ(setFolder(folder.path()), 6);
+		EXPECT_TRUE(setFolder(folder.path()) == 6 && camera->cmdOpen() == 6);
 		EXPECT_EQ(text("Problem").rfind("1 of 2 images are damaged; img_1.pgm: ", 0), 0u);
 		EXPECT_NE(text("Problem").find(problem), std::string::npos) << text("Problem");
-		EXPECT_EQ(camera->cmdOpen(), 6);
 	}
-	EXPECT_EQ(setFolder("/nowhere/at/all"), 6);
-	EXPECT_EQ(text("Problem").rfind("the folder cannot be read", 0), 0u);
+	EXPECT_TRUE(setFolder("/nowhere/at/all") == 6 && text("Problem").rfind("the folder cannot be read", 0) == 0);
 }
 
 TEST_F(SequenceCamera, MarksAFileThatChanged) {
 	const std::string first = folder.path("f1.pgm"), second = folder.path("f2.pgm");
 	for (const auto& path : {first, second}) writeFile(path, "P5 4 4 255\n" + pixels(16, 5));
-	ASSERT_EQ(setFolder(folder.path()), 0);
-	ASSERT_EQ(camera->cmdOpen() | camera->cmdAllocInternalBuffers(2), 0);
+	ASSERT_EQ(setFolder(folder.path()) | camera->cmdOpen() | camera->cmdAllocInternalBuffers(2), 0);
 	writeFile(first, readFile(first).substr(0, 20));
 	writeFile(second, readFile(second) + "longer");
 	EXPECT_EQ(camera->cmdPrepare() | camera->cmdStart(), 0);
-	ASSERT_TRUE(finish());
-	ASSERT_EQ(frames.size(), 2u);
-	for (size_t i = 0; i < 2; ++i) {
-		EXPECT_EQ(frames[i].mByteSize, i == 0 ? 20u : 27u);
-		EXPECT_EQ(frames[i].mFlags & qorSIO_FRAME_INCOMPLETE, 1u);
-	}
+	ASSERT_TRUE(finish() && frames.size() == 2);
+	EXPECT_TRUE(frames[0].mByteSize == 20 && frames[1].mByteSize == 27);
+	EXPECT_EQ(frames[0].mFlags & frames[1].mFlags & qorSIO_FRAME_INCOMPLETE, 1u);
 	EXPECT_EQ(text("Problem"), "f2.pgm: changed while it was played");
 }

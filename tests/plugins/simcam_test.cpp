@@ -52,14 +52,12 @@ TEST(FramePattern, FindsEveryKindOfDamage) {
 	EXPECT_EQ(verify(), simFrame_GOOD);
 	for (size_t i = 0; i < kSize; ++i) {
 		frame[i] ^= 1;
-		EXPECT_NE(verify(), simFrame_GOOD) << "byte " << i;
-		EXPECT_EQ(offset, i < 48 ? 0 : i / 8 * 8);
+		EXPECT_TRUE(verify() != simFrame_GOOD && offset == (i < 48 ? 0 : i / 8 * 8)) << "byte " << i;
 		frame[i] ^= 1;
 	}
 	for (size_t sector = 512; sector + 8 < kSize; sector += 512) {
 		std::swap_ranges(frame.data() + sector, frame.data() + sector + 8, other.data() + sector);
-		EXPECT_EQ(verify(), simFrame_BAD_STAMP) << "torn at " << sector;
-		EXPECT_EQ(offset, sector);
+		EXPECT_TRUE(verify() == simFrame_BAD_STAMP && offset == sector) << "torn at " << sector;
 		std::swap_ranges(frame.data() + sector, frame.data() + sector + 8, other.data() + sector);
 	}
 	EXPECT_EQ(verify(kSize - 1), simFrame_BAD_SIZE);
@@ -69,22 +67,16 @@ TEST(FramePattern, FindsEveryKindOfDamage) {
 }
 
 TEST_F(SimulatedCamera, DeliversASession) {
-	EXPECT_TRUE(camera->isOnline());
-	EXPECT_EQ(camera->setROI(16, 8, 640, 480), 0);
-	EXPECT_EQ(camera->genICam_SetString("PixelFormat", "Mono16"), 0);
-	EXPECT_EQ(camera->cmdPrepare(), 1) << "not open";
+	EXPECT_TRUE(camera->isOnline() && camera->cmdPrepare() == 1) << "not open";
+	EXPECT_EQ(camera->setROI(16, 8, 640, 480) | camera->genICam_SetString("PixelFormat", "Mono16"), 0);
 	const auto start = std::chrono::steady_clock::now();
 	ASSERT_EQ(begin(40, 2000), 0);
-	EXPECT_EQ(camera->cmdOpen(), 1);
-	EXPECT_EQ(camera->cmdReleaseInternalBuffers(), 1) << "in use";
+	EXPECT_TRUE(camera->cmdOpen() == 1 && camera->cmdReleaseInternalBuffers() == 1) << "in use";
 	ASSERT_TRUE(finish());
 	const auto taken = std::chrono::steady_clock::now() - start;
-	EXPECT_EQ(camera->cmdReleaseInternalBuffers(), 0);
-	EXPECT_EQ(camera->cmdPrepare(), 1) << "no buffers";
-	EXPECT_EQ(camera->cmdClose(), 0);
-	EXPECT_EQ(camera->cmdClose(), 1);
-	ASSERT_EQ(frames.size(), 40u);
-	EXPECT_EQ(bad, 0);
+	EXPECT_TRUE(camera->cmdReleaseInternalBuffers() == 0 && camera->cmdPrepare() == 1) << "no buffers";
+	EXPECT_TRUE(camera->cmdClose() == 0 && camera->cmdClose() == 1);
+	ASSERT_TRUE(frames.size() == 40 && bad == 0);
 	EXPECT_EQ(events, (std::vector<unsigned long>{40011, 40200, 40011}));
 	for (size_t i = 0; i < 40; ++i) {
 		const auto& f = frames[i];
@@ -119,13 +111,17 @@ TEST_F(SimulatedCamera, ChangesGeometryWhileItRuns) {
 	EXPECT_EQ(bad, 0);
 	for (size_t i = 0; i < frames.size(); ++i) ASSERT_EQ(frames[i].mFrameNumber, i);
 	EXPECT_EQ(frames.back().mWidth, 192u);
+
+	EXPECT_EQ(camera->cmdPrepare() | camera->cmdStart(), 0);
+	ASSERT_TRUE(eventually([this, seen = count.load()] { return count > seen; }));
+	removeDevices(); // not even stopped
+	expectNoMoreFrames();
 }
 
 TEST_F(SimulatedCamera, CanBeStoppedFromWithinAFrame) {
 	onFourth = [&] {
 		EXPECT_EQ(camera->cmdClose(), 1) << "the frame is still in use";
-		EXPECT_EQ(camera->cmdStop(), 0);
-		EXPECT_EQ(camera->cmdReleaseInternalBuffers(), 1);
+		EXPECT_TRUE(camera->cmdStop() == 0 && camera->cmdReleaseInternalBuffers() == 1);
 		++stopped;
 	};
 	for (int round = 0; round < 3; ++round) {
@@ -147,18 +143,9 @@ TEST_F(SimulatedCamera, SpoilsFramesOnRequest) {
 		EXPECT_EQ(camera->genICam_SetString("Fault", fault), 0);
 		ASSERT_EQ(begin(20, 5000), 0);
 		ASSERT_TRUE(finish());
-		EXPECT_EQ(frames.size(), arrived);
-		EXPECT_EQ(bad, badOnes);
-		EXPECT_EQ(frames.back().mFrameNumber, last);
+		EXPECT_TRUE(frames.size() == arrived && bad == badOnes && frames.back().mFrameNumber == last);
 		EXPECT_EQ(camera->cmdClose(), 0);
 	}
-}
-
-TEST_F(SimulatedCamera, NoticesThatItsObjectHasGone) {
-	EXPECT_EQ(camera->setROI(0, 0, 64, 64), 0);
-	ASSERT_EQ(begin(0, 0), 0);
-	removeDevices(); // not even stopped
-	expectNoMoreFrames();
 }
 
 TEST_F(SimulatedCamera, StandsBesideAClock) {

@@ -209,31 +209,30 @@ TEST(LiveObjects, CallbackAndContextChangeTogether) {
 	CqorSIO_VideoCap camera;
 	CqorSIO_TimeCap clock;
 	CqorSIO_PIManager manager;
-	changeWhileCalled<qorSIO_VideoCapFunc>(
-	    camera, [](auto& c) { CqorSIO_Object::_piObjCB(&c, qorSIO_EVENT_ONLINE, 0, 0, nullptr, nullptr); });
-	changeWhileCalled<qorSIO_TimeCapFunc>(clock, [](auto& c) { c.callUserCB(1, 0, 0, nullptr, nullptr); });
+	const auto call = [](auto& object) { object.callUserCB(1, 0, 0, nullptr, nullptr); };
+	changeWhileCalled<qorSIO_VideoCapFunc>(camera, call);
+	changeWhileCalled<qorSIO_TimeCapFunc>(clock, call);
 	changeWhileCalled<qorSIO_Func, true>(manager, [](auto& m) { m.userCB(1, 0, 0, nullptr, nullptr); });
 }
 
 TEST(LiveObjects, CallbacksThatExchangeEachOthersCallbackDoNotWaitForEachOther) {
-	static std::unique_ptr<CqorSIO_VideoCap> cameras[2];
+	static CqorSIO_VideoCap* cameras[2];
 	static std::atomic<int> inside;
+	CqorSIO_VideoCap first, second;
 	inside = 0;
-	std::vector<std::thread> threads;
-	for (auto& camera : cameras) {
-		camera = std::make_unique<CqorSIO_VideoCap>();
+	for (auto* camera : {&first, &second}) {
+		cameras[camera == &second] = camera;
 		camera->SetUserCallBack(
 		    [](void*, CqorSIO_VideoCap* c, auto...) {
 			    ++inside;
 			    EXPECT_TRUE(eventually([] { return inside == 2; }));
-			    cameras[c == cameras[0].get()]->SetUserCallBack(nullptr, nullptr);
+			    cameras[c == cameras[0]]->SetUserCallBack(nullptr, nullptr);
 			    return 0;
 		    },
 		    nullptr);
 	}
-	for (auto& camera : cameras)
-		threads.emplace_back([c = camera.get()] { c->_piObjCB(c, qorSIO_EVENT_USER, 0, 0, nullptr, nullptr); });
-	for (auto& thread : threads) thread.join();
-	EXPECT_EQ(cameras[0]->callUserCB(1, 0, 0, nullptr, nullptr), kFailure);
-	for (auto& camera : cameras) camera.reset();
+	std::thread other([&] { second.callUserCB(1, 0, 0, nullptr, nullptr); });
+	EXPECT_EQ(first.callUserCB(1, 0, 0, nullptr, nullptr), 0);
+	other.join();
+	EXPECT_EQ(first.callUserCB(1, 0, 0, nullptr, nullptr), kFailure);
 }

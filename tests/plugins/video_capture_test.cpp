@@ -50,9 +50,8 @@ TEST(VideoCapture, OperationsAndState) {
 	    {[](Camera& c) { return c.cmdAllocInternalBuffers(12); }, "allocbuffers,12", 4},
 	    {[](Camera& c) { return c.cmdPrepare(); }, "prepare,", 4 + 8},
 	    {[](Camera& c) { return c.cmdStart(); }, "start,", 4 + 8 + 16},
-	    {[](Camera& c) { return c.cmdRecord(1); }, nullptr, 4 + 8 + 16 + 32},
-	    {[](Camera& c) { return c.cmdStartRead(); }, nullptr, 4 + 8 + 16 + 32 + 64},
-	    {[](Camera& c) { return c.cmdPreview(1); }, nullptr, 4 + 8 + 16 + 32 + 64 + 128},
+	    {[](Camera& c) { return c.cmdRecord(1) | c.cmdPreview(1); }, nullptr, 4 + 8 + 16 + 32 + 128},
+	    {[](Camera& c) { return c.cmdStartRead(); }, nullptr, 4 + 8 + 16 + 32 + 64 + 128},
 	    {[](Camera& c) { return c.cmdRecord(0); }, nullptr, 4 + 8 + 16 + 64 + 128},
 	    {[](Camera& c) { return c.cmdPrepare(); }, "prepare,", 4 + 8 + 128},
 	    {[](Camera& c) { return c.cmdRecord(1) | c.cmdStartRead(); }, nullptr, 4 + 8 + 32 + 64 + 128},
@@ -67,12 +66,10 @@ TEST(VideoCapture, OperationsAndState) {
 		camera.device.commands.clear();
 		const int before = camera.state();
 		camera.device.status = 9;
-		EXPECT_TRUE(!command || call(camera) == 9);
-		EXPECT_EQ(camera.state(), before) << "a failed operation changes nothing";
+		EXPECT_TRUE(!command || (call(camera) == 9 && camera.state() == before)) << "a failed one changes nothing";
 		camera.device.status = 0;
-		EXPECT_EQ(call(camera), 0);
+		EXPECT_TRUE(call(camera) == 0 && camera.state() == state) << camera.state();
 		EXPECT_EQ(camera.device.commands, std::vector<std::string>(command ? 2 : 0, command ? command : ""));
-		EXPECT_EQ(camera.state(), state);
 	}
 }
 
@@ -108,8 +105,8 @@ TEST(VideoCapture, PropertiesAndTheirKeys) {
 	c.device.values = {{"!pixformat", "Mono8"}, {"!genicam:str:F", "\"a, b\""}};
 	char text[3][kQorSioValueSize] = {"old"};
 	EXPECT_TRUE(c.getPixFormatConversion(text[0]) == kFailure && !*text[0]);
-	EXPECT_TRUE(c.getPixFormat(text[1]) == 0 && std::string(text[1]) == "Mono8");
-	EXPECT_TRUE(c.genICam_GetString("F", text[2]) == 0 && std::string(text[2]) == "a, b");
+	EXPECT_EQ(c.getPixFormat(text[1]) | c.genICam_GetString("F", text[2]), 0);
+	EXPECT_EQ(text[1] + std::string("|") + text[2], "Mono8|a, b");
 }
 
 TEST(VideoCapture, EventsReachTheHost) {
@@ -130,8 +127,7 @@ TEST(VideoCapture, EventsReachTheHost) {
 	const std::vector<Event> expected = {{40010, 8, 0, words, nullptr}, {40011, 1, 0, nullptr, nullptr},
 	    {40011, 2, 0, nullptr, nullptr}, {40101, 0, 0, nullptr, nullptr}, {40110, 3, 0, nullptr, nullptr},
 	    {40100, 0, 0, nullptr, nullptr}, {40200, 4, 5, words, &camera}};
-	EXPECT_EQ(camera.events, expected);
-	EXPECT_EQ(camera.GetFrameCount(), 1);
+	EXPECT_TRUE(camera.events == expected && camera.GetFrameCount() == 1);
 	const std::vector<std::string> read = {camera.getVendorName(), camera.getModelName(), camera.getManufacturerInfo(),
 	    camera.getVersion(), camera.getFirmwareVersion(), camera.GetDeviceID()};
 	EXPECT_EQ(read, (std::vector<std::string>{"V", std::string(127, 'm'), "I, J", "1", "2", "D%s"}));

@@ -61,12 +61,11 @@ TEST(LiveObjects, NoEventOfADeletedObjectReachesTheNextAtItsAddress) {
 }
 
 TEST(LiveObjects, ManyAtOnceHaveIdentitiesOfTheirOwn) {
-	std::vector<std::unique_ptr<CqorSIO_Object>> objects(5000);
+	std::vector<CqorSIO_Object> objects(5000);
 	std::vector<FakeDevice> devices(objects.size());
 	std::set<void*> identities;
 	for (size_t i = 0; i < objects.size(); ++i) {
-		objects[i] = std::make_unique<CqorSIO_Object>();
-		ASSERT_EQ(objects[i]->piAccept(&devices[i], &FakeDevice::function) | devices[i].event(1), 0) << i;
+		ASSERT_EQ(objects[i].piAccept(&devices[i], &FakeDevice::function) | devices[i].event(1), 0) << i;
 		EXPECT_TRUE(identities.insert(devices[i].object).second) << i;
 	}
 }

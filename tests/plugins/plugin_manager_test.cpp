@@ -54,9 +54,8 @@ TEST(PlugInManager, LoadsWhatIsAPlugInAndSkipsTheRest) {
 	    << "hostile and refuses; the others have no entry";
 	auto* refuses = plugIn(manager, "refuses");
 	const std::string extension = fs::path(refuses->GetPath()).extension().string();
-	for (const std::string& line : std::vector<std::string>{"text" + extension + ") - Cannot load (err=",
-	         "[ERROR] [CqorSIO_PI] ", "no_entry" + extension + ") - eFunc not found", "[OK] piLoad("})
-		EXPECT_TRUE(log.has(line)) << line;
+	EXPECT_TRUE(log.has("text" + extension + ") - Cannot load (err=") && log.has("[ERROR] [CqorSIO_PI] "));
+	EXPECT_TRUE(log.has("no_entry" + extension + ") - eFunc not found") && log.has("[OK] piLoad("));
 	EXPECT_TRUE(!manager.mPIList.Get(2) && manager.mPIList.FindByPIContext(refuses) == refuses);
 	const auto introductions = reinterpret_cast<int (*)()>(refuses->piGetFunc("introductions"));
 	ASSERT_TRUE(introductions && introductions() == 0);

@@ -150,6 +150,7 @@ TEST_F(SimulatedCamera, StandsBesideAClock) {
 	eqorSIO_TIME time{};
 	EXPECT_EQ(clock.getTime(&time) | clock.cmdOpen() | clock.cmdPrepare() | clock.cmdStart(), 0);
 	EXPECT_TRUE(time.mPart1 >= 2024 && time.mPart2 >= 1 && time.mPart2 <= 12 && time.mPart6 < 61000);
+	EXPECT_TRUE(clock.isOpen() && clock.isPrepared() && clock.isAcquiring());
 	EXPECT_TRUE(eventually([&] { return clock.GetEventCount() > 0; }));
 	EXPECT_EQ(clock.cmdStop() | clock.cmdClose(), 0);
 }

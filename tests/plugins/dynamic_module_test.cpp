@@ -1,5 +1,6 @@
 #include "test_support.h"
 
+#include <qor/core/class_manager.h>
 #include <qor/plugins/dynamic_module_list.h>
 
 #include <cstdlib>
@@ -203,6 +204,8 @@ TEST(DynamicModuleList, ListsEachPathOnceAndLoadsWhatLoads) {
 	list.DestroyAll();
 	EXPECT_TRUE(list.GetCount() == 3 && !list.GetFunc("shared") && !list(2)->GetInformation());
 	EXPECT_TRUE(list(0)->GetInformation()) << "not loaded, so left alone";
+	for (const char* type : {"CqorDynamicModule", "CqorDynamicModuleList"})
+		EXPECT_TRUE(std::unique_ptr<Cmc>(qorMCGetManager()->classNew(type))->istype(type));
 }
 
 TEST(DynamicModuleList, Folders) {

@@ -11,18 +11,16 @@ namespace fs = std::filesystem;
 using test_support::readFile;
 using test_support::writeFile;
 
-/// A line logged before anything was started, and the clock before.
-struct EarlyLine {
-	EarlyLine() {
-		appLogSetFunc([this](const char* line) { return text = line, true; });
-		before = appGetTime();
-		appmsg("early %d", 7);
-		appLogSetFunc(nullptr);
-	}
+double clockBefore = 0;
+/// A line logged before anything was started.
+const std::string earlyLine = [] {
 	std::string text;
-	double before = 0;
-};
-const EarlyLine earlyLine;
+	appLogSetFunc([&](const char* line) { return text = line, true; });
+	clockBefore = appGetTime();
+	appmsg("early %d", 7);
+	appLogSetFunc(nullptr);
+	return text;
+}();
 
 size_t count(const std::string& text, const std::string& part) {
 	size_t found = 0;
@@ -44,8 +42,8 @@ protected:
 };
 
 TEST_F(Runtime, DeliversBeforeStartWithRawCounter) {
-	EXPECT_EQ(earlyLine.text.substr(earlyLine.text.find('.') + 4), "early 7");
-	EXPECT_NEAR(std::atof(earlyLine.text.c_str()), earlyLine.before * 1000, 1e12); // at most a second later
+	EXPECT_EQ(earlyLine.substr(earlyLine.find('.') + 4), "early 7");
+	EXPECT_NEAR(std::atof(earlyLine.c_str()), clockBefore * 1000, 1e12); // at most a second later
 }
 
 TEST_F(Runtime, LogFileName) {

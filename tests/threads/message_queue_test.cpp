@@ -19,8 +19,7 @@ TEST(MessageQueue, ClaimsFirstFit) {
 	for (int i : {7, 63, 64, 129}) EXPECT_EQ(queue.GetFreeItem(0), first + i);
 	first->mWord1 = 5;
 	queue.Reset();
-	EXPECT_EQ(queue.GetFreeItem(0), first);
-	EXPECT_EQ(first->mWord1, 0u);
+	EXPECT_TRUE(queue.GetFreeItem(0) == first && first->mWord1 == 0);
 }
 
 TEST(MessageQueue, PassesItemsOnInOrder) {
@@ -32,9 +31,7 @@ TEST(MessageQueue, PassesItemsOnInOrder) {
 		ASSERT_EQ(queue.Add(20, 2, 3, 4, 5, nullptr, &queue), 0);
 		eqor_QUEUE_ITEM* items[] = {queue.Get(), queue.Get(), queue.Get()};
 		EXPECT_EQ(queue.Get(), nullptr);
-		EXPECT_EQ(items[0]->mIntegers[5], -1);
-		EXPECT_EQ(items[1]->mReals[3], 3.5);
-		EXPECT_EQ(items[2]->mPointer2, &queue);
+		EXPECT_TRUE(items[0]->mIntegers[5] == -1 && items[1]->mReals[3] == 3.5 && items[2]->mPointer2 == &queue);
 		for (auto* item : items) {
 			EXPECT_EQ(item->mState, 3);
 			queue.FreeItem(item);
@@ -44,17 +41,12 @@ TEST(MessageQueue, PassesItemsOnInOrder) {
 
 TEST(MessageQueue, TakesForeignItems) {
 	Cqor_MsgQueue home, other;
-	ASSERT_EQ(home.Create(2), 0);
-	ASSERT_EQ(other.Create(1), 0);
+	ASSERT_EQ(home.Create(2) + other.Create(1), 0);
 	eqor_QUEUE_ITEM* first = home.GetFreeItem(0);
 	home.GetFreeItem(0);
-	EXPECT_EQ(other.AddToStack(nullptr), -1);
-	EXPECT_EQ(other.AddToStack(first), 1);
-	EXPECT_EQ(other.AddToStack(first), -1);
+	EXPECT_TRUE(other.AddToStack(nullptr) == -1 && other.AddToStack(first) == 1 && other.AddToStack(first) == -1);
 	EXPECT_EQ(other.Add(1, 2, 3, 4, 5, nullptr, nullptr), 0); // claimed, no place to be pending
-	EXPECT_EQ(other.GetFreeItem(0), nullptr);
-	EXPECT_EQ(other.Get(), first);
-	EXPECT_EQ(first->mState, 3);
+	EXPECT_TRUE(!other.GetFreeItem(0) && other.Get() == first && first->mState == 3);
 	other.FreeItem(first);
 	EXPECT_EQ(home.GetFreeItem(0), first); // free at home again
 	EXPECT_EQ(home.GetFreeItem(0), nullptr);

@@ -86,21 +86,27 @@ TEST_F(MultiQueue, ReportsItsUsage) {
 	EXPECT_TRUE(std::unique_ptr<Cmc>(qorMCGetManager()->classNew("Cqor_MultiMQInstance"))->istype(multi.gettype()));
 }
 
-TEST_F(MultiQueue, ProducersLoseNothingAndKeepTheOrderOfAnInstance) {
-	std::vector<unsigned> words[3]; // of each producer
-	onItem = [&](auto*, auto* item) { words[item->mWord2].push_back(item->mWord1); };
-	ASSERT_EQ(multi.Create(callBack, 1, 1, 4, 0, 0), 0);
-	std::vector<std::thread> producers;
-	for (unsigned p = 0; p < 3; ++p)
-		producers.emplace_back([&, p] {
-			for (unsigned i = 0; i < 3000; ++i) {
-				while (!multi.Add(i, p, 0, nullptr, nullptr)) std::this_thread::yield();
-				if (i % 100 == 0) multi.Lock(), std::this_thread::yield(), multi.Unlock();
-			}
-		});
-	for (auto& producer : producers) producer.join();
-	multi.Destroy(); // finishes what is queued
-	for (unsigned i = 0; i < 9000; ++i) ASSERT_EQ(words[i % 3].at(i / 3), i / 3);
+TEST_F(MultiQueue, ProducersLoseNothingAndOneWorkerKeepsTheOrder) {
+	for (const int workers : {1, 4}) {
+		std::vector<unsigned> words[3]; // of each producer
+		onItem = [&](auto*, auto* item) {
+			if (workers == 1) words[item->mWord2].push_back(item->mWord1);
+		};
+		items = 0;
+		ASSERT_EQ(multi.Create(callBack, 1, workers, 4, 0, 0), 0);
+		std::vector<std::jthread> producers;
+		for (unsigned p = 0; p < 3; ++p)
+			producers.emplace_back([&, p] {
+				for (unsigned i = 0; i < 3000; ++i) {
+					while (!multi.Add(i, p, 0, nullptr, nullptr)) std::this_thread::yield();
+					if (i % 100 == 0) multi.Lock(), std::this_thread::yield(), multi.Unlock();
+				}
+			});
+		producers.clear();
+		multi.Destroy(); // finishes what is queued
+		EXPECT_EQ(items, 9000);
+		for (unsigned i = 0; i < 9000 && workers == 1; ++i) ASSERT_EQ(words[i % 3].at(i / 3), i / 3);
+	}
 }
 
 TEST_F(MultiQueue, DestroyReachesItemsBeyondTheSignalsOfAnInstance) {

@@ -59,17 +59,6 @@ TEST(QueueInstance, CreateDecidesWorkersAndPool) {
 	EXPECT_EQ(make(host, 2, 2, 0)->DestroyWorkers(), 0);
 }
 
-TEST(QueueInstance, OneWorkerKeepsTheOrder) {
-	Host host;
-	host.onItem = Host::note;
-	const auto instance = make(host, 1, 10);
-	for (unsigned i = 0; i < 5000; ++i)
-		while (!instance->Add(i, 0, 0, nullptr, nullptr)) std::this_thread::yield();
-	ASSERT_EQ(instance->WaitForIdle(0xFFFFFFFF), 0);
-	ASSERT_EQ(host.words.size(), 5000u);
-	for (unsigned i = 0; i < 5000; ++i) ASSERT_EQ(host.words[i], i);
-}
-
 TEST(QueueInstance, AddExCutsItsData) {
 	Host host;
 	const std::vector<unsigned char> data(5000, 0xAB);
@@ -99,22 +88,6 @@ TEST(QueueInstance, WorkersRunInParallel) {
 	host.hold = false;
 	EXPECT_EQ(instance->WaitForIdle(0xFFFFFFFF), 0);
 	EXPECT_EQ(host.items, 6);
-}
-
-TEST(QueueInstance, LosesNothingUnderContention) {
-	for (int workers : {1, 4}) {
-		Host host;
-		const auto instance = make(host, workers, 5);
-		const auto produce = [&] {
-			for (unsigned i = 0; i < 4000; ++i)
-				while (!instance->Add(i, 0, 0, nullptr, nullptr)) std::this_thread::yield();
-		};
-		std::thread other(produce);
-		produce();
-		other.join();
-		EXPECT_EQ(instance->WaitForIdle(0xFFFFFFFF), 0);
-		EXPECT_EQ(host.items, 8000);
-	}
 }
 
 TEST(QueueInstance, SignalsBeyondTheMaximumLeaveItemsForLaterOnes) {

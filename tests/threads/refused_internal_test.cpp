@@ -16,12 +16,6 @@ TEST(RefusedAllocations, EndAsTheStatedFailure) {
 		Cqor_MsgQueue queue;
 		return queue.Create(5) == 0 && queue.Add(1, 2, 3, 4, 5, nullptr, nullptr) == 0 && queue.Get();
 	});
-	refuseEach("instance", [] {
-		Cqor_MQInstance* instance = Cqor_MQInstance::wCreate(nullptr, nullptr, 2, 5, 0, 0, 1);
-		const bool whole = instance && instance->Add(1, 2, 3, nullptr, nullptr) && instance->WaitForIdle(60000) == 0;
-		delete instance;
-		return whole;
-	});
 	refuseEach("instances", [] {
 		Cqor_MultiMQInstance multi;
 		return multi.Create(nullptr, 2, 1, 5, 0, 0) == 0 && multi.Add(1, 2, 3, nullptr, nullptr);

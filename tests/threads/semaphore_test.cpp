@@ -70,30 +70,23 @@ bool callsBecome(const std::vector<Call>& expected) {
 	});
 }
 
-TEST(SemaphoreWorker, CallsForEveryRelease) {
-	calls.clear();
-	CstxSemaphore worker;
-	ASSERT_EQ(worker.Create(0, 1000, nullptr), 0);
-	ASSERT_EQ(worker.StartWorker(record, -1, 0), 0);
-	EXPECT_EQ(worker.GetWorkerState(), 1u);
-	worker.Release(3, nullptr);
-	ASSERT_TRUE(callsBecome({{1, 0, 0}, {3, 0, 0}, {3, 1, 0}, {3, 2, 0}}));
-	EXPECT_EQ(worker.StopWorker(), 0);
-	EXPECT_EQ(worker.GetWorkerState(), 0u);
-	EXPECT_TRUE(callsBecome({{1, 0, 0}, {3, 0, 0}, {3, 1, 0}, {3, 2, 0}, {2, 0, 0}}));
-}
-
-TEST(SemaphoreWorker, AnswerToFailedWaitEndsIt) {
+TEST(SemaphoreWorker, CallsForEveryReleaseAndEndsAsAnswered) {
+	using Calls = std::vector<Call>;
 	answer = 1;
-	for (unsigned long timedOut : {0, 1}) {
+	const Calls released = {{1, 0, 0}, {3, 0, 0}, {3, 1, 0}, {3, 2, 0}, {2, 0, 0}};
+	const Calls failed = {{1, 0, 0}, {4, 0, 0}, {2, 0, 0}}, timedOut = {{1, 0, 0}, {4, 1, 0}, {2, 0, 0}};
+	for (const auto& expected : {released, failed, timedOut}) {
+		const bool stopped = expected == released;
 		calls.clear();
 		CstxSemaphore worker; // without a semaphore every wait fails
-		if (timedOut) worker.Create(0, 1000, nullptr);
-		ASSERT_EQ(worker.StartWorker(record, 5, 0), 0);
-		EXPECT_TRUE(callsBecome({{1, 0, 0}, {4, timedOut, 0}, {2, 0, 0}}));
-		EXPECT_EQ(worker.GetWorkerState(), 3u);
+		if (expected != failed) worker.Create(0, 1000, nullptr);
+		ASSERT_EQ(worker.StartWorker(record, stopped ? -1 : 5, 0), 0);
+		if (stopped) worker.Release(3, nullptr);
+		ASSERT_TRUE(callsBecome(Calls(expected.begin(), expected.end() - stopped)));
+		EXPECT_EQ(worker.GetWorkerState(), stopped ? 1u : 3u);
 		EXPECT_EQ(worker.StopWorker(), 0);
 		EXPECT_EQ(worker.GetWorkerState(), 0u);
+		EXPECT_TRUE(callsBecome(expected));
 	}
 }
 

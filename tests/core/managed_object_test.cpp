@@ -75,7 +75,12 @@ TEST_F(ManagedObject, DestroyDeletesFromTheTopAndLeavesNoTrace) {
 	delete a;
 	root._mcDestroyChilds(0);
 	EXPECT_FALSE(root._mcHasChilds());
+	auto *child = add("child", b), *detached = add("detached", b);
+	b->_mcDetach(detached);
+	const Cmc copy(*detached);
 	delete b;
+	EXPECT_TRUE(child->_mcGetRoot() == child && !detached->_mcGetParent() && !copy._mcGetParent());
+	EXPECT_EQ(child->_mcSetParent(detached) + detached->_mcSetParent(&root), 0);
 }
 
 TEST_F(ManagedObject, CopiesShareUntilOneChanges) {
@@ -215,15 +220,6 @@ TEST_F(ManagedObject, DeepTreesCostNoStackAndLongListsNoTime) {
 	EXPECT_TRUE(root._mcGetChildByName("n8") == root._mcGetChild(8) && !root._mcGetChildByName("n3", nullptr, 1));
 	new Camera(&root, "n8"); // of another type
 	EXPECT_TRUE(root._mcGetChildByNameAndType("n8", "Camera")->istype("Camera"));
-}
-
-TEST_F(ManagedObject, ChildrenOfADeletedParentStandAlone) {
-	auto *parent = new Cmc, *child = add("child", parent), *detached = add("detached", parent);
-	parent->_mcDetach(detached);
-	const Cmc copy(*detached);
-	delete parent;
-	EXPECT_TRUE(child->_mcGetRoot() == child && !detached->_mcGetParent() && !copy._mcGetParent());
-	EXPECT_EQ(child->_mcSetParent(detached) + detached->_mcSetParent(&root), 0);
 }
 
 TEST_F(ManagedObject, FillVerdicts) {

@@ -47,23 +47,15 @@ TEST_F(Runtime, DeliversBeforeStartWithRawCounter) {
 }
 
 TEST_F(Runtime, LogFileName) {
-	static constexpr struct {
-		const char *name, *config, *settings, *log;
-	} cases[] = {
-	    {"last extension only", "a.b.cfg", "", "a.b.LOG"},
-	    {"no extension, point in the folder", "logs.d/app", "", "logs.d/app.LOG"},
-	    {"backslash", "logs.d\\other.cfg", "", "logs.d/other.LOG"},
-	    {"empty path", "", "", ".LOG"},
-	    {"named by the settings", "set.cfg", "[MAIN]\r\nlog_file=chosen.txt\r\n", "chosen.txt"},
-	};
+	static constexpr const char* cases[][2] = {{"a.b.cfg", "a.b.LOG"}, {"logs.d/app", "logs.d/app.LOG"},
+	    {"logs.d\\other.cfg", "logs.d/other.LOG"}, {"", ".LOG"}, {"set.cfg", "chosen.txt"}};
+	writeFile("set.cfg", "[MAIN]\r\nlog_file=chosen.txt\r\n");
 	fs::create_directory("logs.d");
-	for (const auto& c : cases) {
-		SCOPED_TRACE(c.name);
-		if (*c.settings) writeFile(c.config, c.settings);
-		EXPECT_EQ(appInit(c.config), 1);
-		EXPECT_STREQ(appGetConfigFile(), c.config);
+	for (const auto& [config, log] : cases) {
+		EXPECT_EQ(appInit(config), 1);
+		EXPECT_STREQ(appGetConfigFile(), config);
 		appUinit();
-		EXPECT_EQ(count(readFile(c.log), "[ System Started     "), 1u);
+		EXPECT_EQ(count(readFile(log), "[ System Started     "), 1u) << config;
 	}
 	appInit(nullptr);
 	EXPECT_STREQ(appGetConfigFile(), "");
@@ -105,8 +97,11 @@ TEST_F(Runtime, WholeFile) {
 	appInit("old.cfg");
 	appmsg("%d of %s %I64d", 1, "two", 1LL << 40);
 	appmsg_Raw("50 %s %n");
+	appmsg("%s", std::string(20000, 'x').c_str()), appmsg_Raw(std::string(20000, 'x').c_str());
 	appAddLogWnd(nullptr);
 	appUinit();
+	appmsg(nullptr), appmsg_Raw(nullptr);
+	EXPECT_EQ(mLog.lines.back().size(), 13u);
 	appmsg("to the callback only");
 	EXPECT_EQ(mLog.lines.back().substr(13), "to the callback only");
 	for (int i = 0; i < 9; ++i) EXPECT_EQ(appAddLogWnd(nullptr), i < 8); // empty since the end
@@ -120,7 +115,11 @@ TEST_F(Runtime, WholeFile) {
 	    "   Memory \\(AVAIL PHYSICAL\\) \\.{4} \\d+ KB" + end + "   Current Directory \\.{10} .+" + end +
 	    "   Current User \\.{15} .+" + end + "   Computer Name \\.{14} .+" + end + "   OS Target \\.{18} 64 bits \r\n" +
 	    line + time + "1 of two 1099511627776" + end + "50 %s %n\r\n" + line + time + "\\[ System Finished    " + date);
-	EXPECT_TRUE(std::regex_match(readFile("old.LOG"), whole)) << readFile("old.LOG");
+	std::string text = readFile("old.LOG");
+	const std::string cut = " " + std::string(8191 - 13, 'x') + "\r\n";
+	EXPECT_EQ(count(text, cut), 2u);
+	for (size_t at; (at = text.find(cut)) != std::string::npos;) text.erase(at - 12, cut.size() + 12);
+	EXPECT_TRUE(std::regex_match(text, whole)) << text;
 }
 
 TEST_F(Runtime, SecondStartKeepsTheFileAndReadsSettingsAgain) {
@@ -152,17 +151,6 @@ TEST_F(Runtime, MemoryListCountsFromTheNewest) {
 	ASSERT_EQ(appLogGetMemListSize(), before + kLines);
 	for (size_t i = 0; i < kLines; ++i) EXPECT_EQ(appLogGetMemListItem(kLines - 1 - i), mLog.lines[i]);
 	EXPECT_EQ(appLogGetMemListItem(before + kLines - 1), appLogGetMemListItem(before + kLines + 99));
-}
-
-TEST_F(Runtime, OverlongAndNullTexts) {
-	appRawInit("long.log", 0);
-	const std::string text(20000, 'x');
-	appmsg("%s", text.c_str());
-	appmsg_Raw(text.c_str());
-	EXPECT_EQ(count(readFile("long.log"), " " + std::string(8191 - 13, 'x') + "\r\n"), 2u);
-	appmsg(nullptr);
-	appmsg_Raw(nullptr);
-	EXPECT_EQ(mLog.lines.back().size(), 13u);
 }
 
 TEST_F(Runtime, ThreadsLogWhileTheLogOpensAndCloses) {

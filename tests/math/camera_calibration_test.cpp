@@ -46,7 +46,7 @@ struct Scene {
 };
 
 TEST(CameraCalibration, ExactPointsGiveTheCamera) {
-	for (const int count : {6, 32, 33, 20000}) { // 32 points are summed up at a time
+	for (const int count : {6, 32, 33, 20000}) // 32 points are summed up at a time
 		for (const int variant : {0, 1, 2, 3}) {
 			const Scene scene(count, 0, variant & 1 ? 1000 : 1, variant & 2 ? 300 : 0);
 			double l[11], position[3];
@@ -56,7 +56,6 @@ TEST(CameraCalibration, ExactPointsGiveTheCamera) {
 			dltDP_CalculateCameraPosition(position, l);
 			for (int i = 0; i < 3; ++i) EXPECT_NEAR(position[i] / scene.position[i], 1, 1e-7);
 		}
-	}
 }
 
 TEST(CameraCalibration, RefinementReachesTheMinimum) {
@@ -134,18 +133,14 @@ TEST(CameraCalibration, Refusals) {
 	for (size_t i = 0; i < aroundCamera.size(); ++i) aroundCamera[i] -= exact.position[i % 3];
 	const double *points = sound.points.data(), *uv = sound.uv.data();
 	const struct {
-		const char* name;
 		const double *points, *uv;
 		int count, result, refined;
-	} cases[] = {
-	    {"few", points, uv, 5, kDltTooFewPoints, kDltTooFewPoints},
-	    {"seen at one place", points, onePlace.data(), 8, kDltDegenerate, kDltDegenerate},
-	    {"origin on the focal plane", aroundCamera.data(), exact.uv.data(), 8, kDltDegenerate, 0},
-	    {"infinite", infinite.data(), uv, 8, kDltBadArgument, kDltBadArgument},
-	    {"null", nullptr, uv, 8, kDltBadArgument, kDltBadArgument},
-	};
+	} cases[] = {{points, uv, 5, kDltTooFewPoints, kDltTooFewPoints},
+	    {points, onePlace.data(), 8, kDltDegenerate, kDltDegenerate},
+	    {aroundCamera.data(), exact.uv.data(), 8, kDltDegenerate, 0},
+	    {infinite.data(), uv, 8, kDltBadArgument, kDltBadArgument}, {nullptr, uv, 8, kDltBadArgument, kDltBadArgument}};
 	for (const auto& c : cases) {
-		SCOPED_TRACE(c.name);
+		SCOPED_TRACE(&c - cases);
 		auto l = sound.truth;
 		EXPECT_EQ(dltCalibrateCamera(l.data(), c.points, c.uv, c.count), c.result);
 		EXPECT_EQ(c.refined ? dltRefineCamera(l.data(), c.points, c.uv, c.count, nullptr) : 0, c.refined);
@@ -239,8 +234,7 @@ TEST(CameraCalibration, OpenParametersAreRefused) {
 					if (placing.sound) continue;
 					EXPECT_EQ(dlt2DSP_CalculateParameters(f, worldF.data(), uvF.data(), count), kQorFailure);
 				}
-				EXPECT_TRUE(std::isfinite(quality.rms));
-				EXPECT_EQ(quality.condition, INFINITY);
+				EXPECT_TRUE(std::isfinite(quality.rms) && quality.condition == INFINITY);
 				EXPECT_EQ(quality.parameterErrors[2], INFINITY);
 			}
 		}

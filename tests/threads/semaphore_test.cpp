@@ -35,13 +35,10 @@ TEST(Mutex, IsRecursiveExclusiveNamedAndPassedOn) {
 TEST(Semaphore, CountsUpToItsMaximum) {
 	CstSemaphore semaphore;
 	long previous = 77;
-	EXPECT_EQ(semaphore.Release(1, &previous), kFailure);
-	EXPECT_EQ(semaphore.Wait(0), -1);
+	EXPECT_TRUE(semaphore.Release(1, &previous) == kFailure && semaphore.Wait(0) == -1);
 	ASSERT_EQ(semaphore.Create(1, 3, nullptr), 0);
-	EXPECT_EQ(semaphore.Release(3, &previous), kFailure);
-	EXPECT_EQ(previous, 77);
-	EXPECT_EQ(semaphore.Release(2, &previous), 0);
-	EXPECT_EQ(previous, 1);
+	EXPECT_TRUE(semaphore.Release(3, &previous) == kFailure && previous == 77);
+	EXPECT_TRUE(semaphore.Release(2, &previous) == 0 && previous == 1);
 	for (int expected : {0, 0, 0, 0x102}) EXPECT_EQ(semaphore.Wait(0), expected);
 	appLogActivateMemList(true);
 	EXPECT_EQ(semaphore.Create(5, 3, nullptr), kFailure);

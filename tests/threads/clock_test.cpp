@@ -24,14 +24,13 @@ int onExecution(CstxClock*, double, unsigned long, unsigned long) { return stati
 
 TEST(Clock, RefusesWhatItIsNotReadyFor) {
 	CstxClock clock;
-	for (double rate : {0.0, -5.0}) EXPECT_EQ(clock.Create(onTick, rate, 0, 1), kFailure);
-	for (int result : {clock.Start(), clock.Stop(), clock.Reset(), clock.Destroy()}) EXPECT_EQ(result, kFailure);
+	for (int result : {clock.Create(onTick, 0, 0, 1), clock.Create(onTick, -5, 0, 1), clock.Start(), clock.Stop(),
+	         clock.Reset(), clock.Destroy()})
+		EXPECT_EQ(result, kFailure);
 	ASSERT_EQ(clock.Create(onTick, 100, 0, 1), 0);
 	for (int result : {clock.Stop(), clock.Reset()}) EXPECT_EQ(result, kFailure);
-	EXPECT_EQ(clock.GetTime(), 0.0);
-	EXPECT_GT(clock.GetRawTime(), 0.0);
-	EXPECT_EQ(clock.Destroy(), 0);
-	EXPECT_EQ(clock.GetRawTime(), 0.0);
+	EXPECT_TRUE(clock.GetTime() == 0 && clock.GetRawTime() > 0);
+	EXPECT_TRUE(clock.Destroy() == 0 && clock.GetRawTime() == 0);
 }
 
 TEST(Clock, PeriodStartsWithTheFormerGranularity) {

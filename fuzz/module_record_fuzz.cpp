@@ -9,12 +9,12 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 	test_support::MemoryFiles files;
-	files.contents["module"].assign(reinterpret_cast<const char*>(data), size);
+	files.contents["/module"].assign(reinterpret_cast<const char*>(data), size);
 	const auto isWord = [data](size_t at, uint32_t value) { return std::memcmp(data + at, &value, 4) == 0; };
 	uint32_t at = 0;
 	while (at + 1052 < size && !(isWord(at, 0x78AAB1C0) && isWord(at + 4, at) && isWord(at + 8, 1024))) ++at;
 	CqorDynamicModule module;
-	module.SetFilePath("module");
+	module.SetFilePath("/module");
 	const bool found = module.RetrieveDMInfo() == 0;
 	const auto* information = module.GetInformation();
 	if (found != (at + 1052 < size) || found != (information != nullptr)) std::abort();

@@ -45,12 +45,12 @@ void require(bool condition) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 	test_support::MemoryFiles files;
-	std::string& contents = files.contents["set"];
+	std::string& contents = files.contents["/set"];
 	contents.assign(reinterpret_cast<const char*>(data), size);
 	const auto lines = split(contents);
 
 	CstmCharStringSet set;
-	require(set.LoadFromFile("set") == 0);
+	require(set.LoadFromFile("/set") == 0);
 	require(static_cast<size_t>(set.GetCount()) == lines.size());
 	std::string expected;
 	for (int i = 0; i < set.GetCount(); ++i) {
@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 		require(std::memcmp(set.GetLine(i), line.c_str(), line.size() + 1) == 0);
 		expected += saved(line);
 	}
-	require(set.SaveToFile("set") == 0);
+	require(set.SaveToFile("/set") == 0);
 	require(contents == expected);
 	return 0;
 }

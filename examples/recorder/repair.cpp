@@ -59,6 +59,7 @@ int repair(const PlayOptions& options) {
 	OpenStorage storage(options);
 	if (const int result = storage.open()) return result;
 	std::vector<SessionIndex> sessions;
+	sessions.reserve(static_cast<size_t>(storage.list().GetCount()));
 	for (int i = 0; i < storage.list().GetCount(); ++i)
 		sessions.emplace_back(storage.index(), *storage.list().GetSession(i));
 	long long left = 0;

@@ -13,7 +13,7 @@ inline constexpr int kQorNoFilePath = 0x10000002;
 class QOR_API CstosINIFile {
 public:
 	CstosINIFile();
-	~CstosINIFile();
+	~CstosINIFile(); // NOLINT(performance-trivially-destructible): the class may grow behind its hosts
 	CstosINIFile(const CstosINIFile& other);
 	CstosINIFile& operator=(const CstosINIFile& other);
 

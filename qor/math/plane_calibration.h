@@ -16,7 +16,7 @@ struct CqorDLT8Constants {
 class QOR_API CqorDLT8 : public CqorDLT8Constants {
 public:
 	CqorDLT8();
-	~CqorDLT8();
+	~CqorDLT8(); // NOLINT(performance-trivially-destructible): the class may grow behind its hosts
 	CqorDLT8(const CqorDLT8&);
 	CqorDLT8& operator=(const CqorDLT8&);
 

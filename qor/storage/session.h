@@ -141,10 +141,10 @@ public:
 	/// Makes the buffers, all memory touched so that `Feed` meets no page fault. Former
 	/// buffers are written and freed first. From here to the end of `StopRecord` the storage
 	/// takes no memory any more, but for the file that a saved list is written to: a save
-	/// that is refused it is tried again.
+	/// that is refused is tried again.
 	/// @return 0; 0x10000000 when either number is below 2, the record has no frame size, one
 	/// above `kMaximumFrameSize` or an aligned size that is not the rounded-up one, or less than two buffers could be
-	/// made (then none is left).
+	/// made, or the session list cannot be replaced (then none is left).
 	int AllocResources(int bufferCount, int framesPerBuffer);
 	/// Writes what was fed and frees the buffers. Returns when the disk has it all.
 	void FreeResources();

@@ -223,7 +223,12 @@ bool SessionListParts::prepareToSave() {
 	} catch (const std::exception&) {
 		return false;
 	}
-	return mDraft.isPrepared() || mDraft.prepare(mPath.c_str());
+	// A list that can never be replaced would let the next run record over these frames.
+	const bool replaceable = (mDraft.isPrepared() || mDraft.prepare(mPath.c_str())) && mDraft.begin();
+	if (!replaceable)
+		mList.log(3, "%s cannot be saved (err=%d)", mPath.c_str(), static_cast<int>(platform::lastError()));
+	mDraft.discard();
+	return replaceable;
 }
 
 bool SessionListParts::writeFile() {

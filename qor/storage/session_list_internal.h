@@ -40,7 +40,8 @@ public:
 	/// Replaces the sessions by those of the file. @return false when anything is not as it was written.
 	bool load();
 	bool save();
-	/// Takes the memory that saves need, so that those while recording need none.
+	/// Takes the memory that saves need, so that those while recording need none, and tries whether the
+	/// file can be replaced.
 	/// @return false without memory, and for a file that may not be replaced.
 	bool prepareToSave();
 
